@@ -1,0 +1,33 @@
+#pragma once
+
+// Every message text of the range transport, once. Tests pin them exactly.
+
+namespace Norvane::Cloud::TransportMessages {
+
+inline constexpr char cacheLimitsNegative[] = "Cloud cache limits cannot be negative";
+
+inline constexpr char urlInvalid[] = "Cloud URL is invalid";
+inline constexpr char offsetNegative[] = "Cloud range offset cannot be negative";
+inline constexpr char lengthNotPositive[] = "Cloud range length must be positive";
+inline constexpr char rangeOverflows[] = "Cloud byte range overflows";
+inline constexpr char timeoutNotPositive[] = "HTTP timeout must be positive";
+
+inline constexpr char requestCancelled[] = "HTTP request cancelled";
+inline constexpr char requestTimedOut[] = "HTTP request timed out";
+// %1 status code, %2 the network library's error text.
+inline constexpr char requestFailed[] = "HTTP request failed (%1): %2";
+// %1 status code.
+inline constexpr char unexpectedStatus[] = "Unexpected HTTP status: %1";
+inline constexpr char contentRangeMismatch[] = "HTTP Content-Range does not match the requested byte range";
+inline constexpr char rangeIgnored[] = "HTTP server ignored the byte-range request";
+// %1 bytes received, %2 bytes expected.
+inline constexpr char lengthMismatch[] = "HTTP range returned %1 bytes; expected %2";
+inline constexpr char noApplicationObject[] = "HTTP exchange requires a Qt application object";
+
+// Names given to the host's operation context.
+inline constexpr char readerComponent[] = "Norvane.Cloud.HttpRangeReader";
+inline constexpr char progressReading[] = "Reading cloud byte range";
+inline constexpr char progressFromCache[] = "Cloud byte range served from cache";
+inline constexpr char progressDownloaded[] = "Cloud byte range downloaded";
+
+} // namespace Norvane::Cloud::TransportMessages
