@@ -1,0 +1,209 @@
+#include "demo.h"
+
+#include "flatclient.h"
+#include "output.h"
+
+#include <loopbackhttpserver.h>
+#include <norvanecloud/formats.h>
+#include <norvanecloud/stac.h>
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+
+namespace NorvaneCloudTool {
+
+using namespace Norvane::Cloud;
+using Norvane::Cloud::Testing::LoopbackHttpServer;
+
+namespace {
+
+// The recorded catalogue pages name their own API; the demo serves them under this path instead.
+const QString recordedCatalogRoot = QStringLiteral("https://planetarycomputer.microsoft.com/api/stac/v1");
+const QString catalogPath = QStringLiteral("/stac/v1");
+const QString cogPath = QStringLiteral("/samples/demo-cog.tif");
+const QString pmTilesPath = QStringLiteral("/samples/demo.pmtiles");
+const QString parquetPath = QStringLiteral("/samples/demo-countries.parquet");
+
+QByteArray resource(const QString &name)
+{
+    QFile file(QStringLiteral(":/demo/") + name);
+    if (!file.open(QIODevice::ReadOnly))
+        throw std::runtime_error(QStringLiteral("bundled sample %1 is missing").arg(name).toStdString());
+    return file.readAll();
+}
+
+// Points the page's links at the sample server and every TIFF asset at the bundled COG, so that following a
+// next page, resolving a layer and probing it all stay on loopback.
+QByteArray pageForSampleServer(const QByteArray &recorded, const LoopbackHttpServer &server)
+{
+    const QString serverRoot = server.url(catalogPath).toString();
+    QJsonObject page = QJsonDocument::fromJson(recorded).object();
+    QJsonArray links = page.value(QStringLiteral("links")).toArray();
+    for (auto link = links.begin(); link != links.end(); ++link) {
+        QJsonObject object = link->toObject();
+        object.insert(QStringLiteral("href"),
+            object.value(QStringLiteral("href")).toString().replace(recordedCatalogRoot, serverRoot));
+        *link = object;
+    }
+    page.insert(QStringLiteral("links"), links);
+    QJsonArray features = page.value(QStringLiteral("features")).toArray();
+    for (auto feature = features.begin(); feature != features.end(); ++feature) {
+        QJsonObject item = feature->toObject();
+        QJsonObject assets = item.value(QStringLiteral("assets")).toObject();
+        for (auto asset = assets.begin(); asset != assets.end(); ++asset) {
+            QJsonObject object = asset->toObject();
+            if (object.value(QStringLiteral("type")).toString().contains(QLatin1String("tiff")))
+                object.insert(QStringLiteral("href"), server.url(cogPath).toString());
+            *asset = object;
+        }
+        item.insert(QStringLiteral("assets"), assets);
+        *feature = item;
+    }
+    page.insert(QStringLiteral("features"), features);
+    return QJsonDocument(page).toJson(QJsonDocument::Compact);
+}
+
+void serveSamples(LoopbackHttpServer &server)
+{
+    server.serveBytes(cogPath, resource(QStringLiteral("demo-cog.tif")));
+    server.serveBytes(pmTilesPath, resource(QStringLiteral("demo.pmtiles")));
+    server.serveBytes(parquetPath, resource(QStringLiteral("demo-countries.parquet")));
+    const QByteArray firstPage = pageForSampleServer(resource(QStringLiteral("stac-page1.json")), server);
+    const QByteArray secondPage = pageForSampleServer(resource(QStringLiteral("stac-page2.json")), server);
+    // The recorded API pages by a token in the POST body of the next link.
+    server.setHandler(
+        catalogPath + QStringLiteral("/search"), [firstPage, secondPage](const LoopbackHttpServer::Request &request) {
+            LoopbackHttpServer::Response response;
+            response.headers.append({ QByteArrayLiteral("Content-Type"), QByteArrayLiteral("application/geo+json") });
+            const QJsonObject body = QJsonDocument::fromJson(request.body).object();
+            response.body = body.contains(QStringLiteral("token")) ? secondPage : firstPage;
+            return response;
+        });
+}
+
+QList<CogByteRange> demoTiles()
+{
+    QList<CogByteRange> tiles;
+    const QList<QByteArray> lines = resource(QStringLiteral("demo-cog.tiles")).split('\n');
+    for (const QByteArray &line : lines) {
+        const QList<QByteArray> fields = line.simplified().split(' ');
+        if (fields.size() == 2 && !line.startsWith('#'))
+            tiles.append(CogByteRange { fields.at(0).toLongLong(), fields.at(1).toLongLong() });
+    }
+    return tiles;
+}
+
+class Steps {
+public:
+    explicit Steps(QTextStream &out)
+        : out(out)
+    {
+    }
+    void begin(const QString &title)
+    {
+        out << '\n' << "== " << ++number << ". " << title << '\n';
+        out.flush();
+    }
+
+private:
+    QTextStream &out;
+    int number = 0;
+};
+
+} // namespace
+
+int runDemo(const GlobalOptions &global, Console &console)
+{
+    QTextStream &out = console.out;
+    LoopbackHttpServer server;
+    if (!server.start())
+        throw std::runtime_error(
+            QStringLiteral("the sample server could not start: %1").arg(server.errorString()).toStdString());
+    serveSamples(server);
+
+    // A fresh cache folder shows the first reads going to the network; --cache-dir keeps one instead.
+    QTemporaryDir scratch;
+    CloudCacheOptions cacheOptions;
+    cacheOptions.directory
+        = global.cacheDirectory.isEmpty() ? scratch.filePath(QStringLiteral("cache")) : global.cacheDirectory;
+    const auto cache = std::make_shared<CloudRangeCache>(cacheOptions);
+    out << "Sample server: " << server.url(QStringLiteral("/")).toString() << '\n'
+        << "Cache folder:  " << cache->options().directory << '\n';
+
+    Steps steps(out);
+    CogSource cog(cache);
+    PmTilesSource pmTiles(cache);
+    GeoParquetSource geoParquet(cache);
+    for (HttpRangeReader *reader : { &cog.rangeReader(), &pmTiles.rangeReader(), &geoParquet.rangeReader() })
+        reader->setTimeoutMilliseconds(global.timeoutMilliseconds);
+
+    const QUrl cogUrl = server.url(cogPath);
+    steps.begin(QStringLiteral("Probe a Cloud Optimized GeoTIFF: %1").arg(cogUrl.toString()));
+    printCogProbe(out, cog.probe(cogUrl, global.headers));
+
+    steps.begin(QStringLiteral("Probe a PMTiles archive: %1").arg(server.url(pmTilesPath).toString()));
+    printPmTilesProbe(out, pmTiles.probe(server.url(pmTilesPath).toString(), global.headers));
+
+    steps.begin(QStringLiteral("Probe a GeoParquet object: %1").arg(server.url(parquetPath).toString()));
+    printGeoParquetProbe(out, geoParquet.probe(server.url(parquetPath), global.headers));
+
+    CogViewportRequest viewport;
+    viewport.url = cogUrl;
+    viewport.ranges = demoTiles();
+    viewport.headers = global.headers;
+    viewport.overviewLevel = 0;
+    steps.begin(QStringLiteral("Read a viewport of %1 tiles in coalesced requests").arg(viewport.ranges.size()));
+    const int requestsBefore = server.requestCount(cogPath);
+    printViewportSummary(out, cog.readViewport(viewport));
+    out << "HTTP requests made: " << server.requestCount(cogPath) - requestsBefore << '\n';
+
+    steps.begin(QStringLiteral("Read the same viewport again: served by the cache"));
+    const int requestsBeforeRepeat = server.requestCount(cogPath);
+    printViewportSummary(out, cog.readViewport(viewport));
+    out << "HTTP requests made: " << server.requestCount(cogPath) - requestsBeforeRepeat << '\n';
+
+    const QUrl catalogUrl = server.url(catalogPath);
+    StacClient stac(catalogUrl, cache);
+    stac.setTimeoutMilliseconds(global.timeoutMilliseconds);
+    stac.setHeaders(global.headers);
+    StacSearchRequest search;
+    search.collections = QStringList { QStringLiteral("naip") };
+    search.limit = 10;
+    steps.begin(QStringLiteral("Search the STAC catalogue %1").arg(catalogUrl.toString()));
+    const StacSearchResult firstPage = stac.search(search);
+    printStacItems(out, firstPage.items);
+    out << "next page: " << firstPage.nextMethod << ' ' << firstPage.nextPage.toString() << '\n';
+
+    steps.begin(QStringLiteral("Follow the next page (%1)").arg(QString::fromLatin1(firstPage.nextMethod)));
+    const StacSearchResult secondPage = stac.fetchNext(firstPage);
+    printStacItems(out, secondPage.items);
+
+    steps.begin(QStringLiteral("Resolve the COG layer of the first item and probe it"));
+    const StacCogLayer layer = stac.cogLayer(firstPage.items.value(0), QString());
+    printCogLayer(out, layer);
+    out << "probe: " << cog.probe(layer.sourceUrl, layer.requestHeaders).diagnostic << '\n';
+
+    steps.begin(QStringLiteral("GDAL access strings"));
+    out << "COG:        " << cog.gdalVirtualPath(cogUrl) << '\n'
+        << "PMTiles:    " << pmTiles.gdalPath(server.url(pmTilesPath).toString()) << '\n'
+        << "GeoParquet: " << geoParquet.gdalVirtualPath(server.url(parquetPath)) << '\n';
+    QHash<QByteArray, QByteArray> gdalOptions = cog.recommendedGdalOptions(256LL * 1024 * 1024);
+    QList<QByteArray> keys = gdalOptions.keys();
+    std::sort(keys.begin(), keys.end());
+    out << "options:   ";
+    for (const QByteArray &key : keys)
+        out << " --config " << key << ' ' << gdalOptions.value(key);
+    out << '\n';
+
+    steps.begin(QStringLiteral("Cache statistics"));
+    printCacheStatistics(out, cache->options(), cache->statistics());
+
+    server.stop();
+    out << "\nDemo finished; the sample server has stopped.\n";
+    return 0;
+}
+
+} // namespace NorvaneCloudTool

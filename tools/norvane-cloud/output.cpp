@@ -1,0 +1,206 @@
+#include "output.h"
+
+#include <QStringList>
+
+namespace NorvaneCloudTool {
+
+using namespace Norvane::Cloud;
+
+namespace {
+
+QString yesNo(bool value)
+{
+    return value ? QStringLiteral("yes") : QStringLiteral("no");
+}
+
+QString bytes(const QByteArray &value)
+{
+    return QString::fromLatin1(value);
+}
+
+QString number(qint64 value)
+{
+    return QString::number(value);
+}
+
+QString size(qint64 value)
+{
+    return value < 0 ? QStringLiteral("unknown") : QString::number(value);
+}
+
+QString doubles(const QList<double> &values)
+{
+    QStringList texts;
+    for (double value : values)
+        texts.append(QString::number(value, 'g', 10));
+    return texts.join(QLatin1Char(','));
+}
+
+} // namespace
+
+void Table::add(const QString &label, const QString &value)
+{
+    rows.append({ label, value });
+}
+
+void Table::print(QTextStream &out) const
+{
+    qsizetype width = 0;
+    for (const auto &row : rows)
+        width = std::max(width, row.first.size());
+    for (const auto &row : rows)
+        out << row.first.leftJustified(width + 2) << row.second << '\n';
+}
+
+void printCogProbe(QTextStream &out, const CogProbeResult &result)
+{
+    Table table;
+    table.add(QStringLiteral("url"), result.url.toString(QUrl::FullyEncoded));
+    table.add(QStringLiteral("content length"), size(result.contentLength));
+    table.add(QStringLiteral("content type"), bytes(result.contentType));
+    table.add(QStringLiteral("etag"), bytes(result.etag));
+    table.add(QStringLiteral("accepts ranges"), yesNo(result.acceptsRanges));
+    table.add(
+        QStringLiteral("byte order"), result.byteOrder.isEmpty() ? QStringLiteral("none") : bytes(result.byteOrder));
+    table.add(QStringLiteral("BigTIFF"), yesNo(result.bigTiff));
+    table.add(QStringLiteral("TIFF header valid"), yesNo(result.tiffHeaderValid));
+    table.add(QStringLiteral("first IFD offset"), number(result.firstIfdOffset));
+    table.add(QStringLiteral("first IFD near start"), yesNo(result.firstIfdNearStart));
+    table.add(QStringLiteral("cloud readable"), yesNo(result.cloudReadable));
+    table.add(QStringLiteral("diagnostic"), result.diagnostic);
+    table.print(out);
+}
+
+void printPmTilesProbe(QTextStream &out, const PmTilesProbeResult &result)
+{
+    Table table;
+    table.add(QStringLiteral("url"), result.url.toString(QUrl::FullyEncoded));
+    table.add(QStringLiteral("remote"), yesNo(result.remote));
+    table.add(QStringLiteral("content length"), size(result.contentLength));
+    table.add(QStringLiteral("content type"), bytes(result.contentType));
+    table.add(QStringLiteral("etag"), bytes(result.etag));
+    table.add(QStringLiteral("accepts ranges"), yesNo(result.acceptsRanges));
+    table.add(QStringLiteral("version"), number(result.specificationVersion));
+    table.add(QStringLiteral("header valid"), yesNo(result.headerValid));
+    table.add(QStringLiteral("tile type"), QStringLiteral("%1 (%2)").arg(result.tileType).arg(result.tileKind));
+    table.add(QStringLiteral("zoom"), QStringLiteral("%1 to %2").arg(result.minimumZoom).arg(result.maximumZoom));
+    table.add(QStringLiteral("root directory"),
+        QStringLiteral("offset %1, length %2").arg(result.rootDirectoryOffset).arg(result.rootDirectoryLength));
+    table.add(QStringLiteral("metadata"),
+        QStringLiteral("offset %1, length %2").arg(result.metadataOffset).arg(result.metadataLength));
+    table.add(QStringLiteral("tile data"),
+        QStringLiteral("offset %1, length %2").arg(result.tileDataOffset).arg(result.tileDataLength));
+    table.add(QStringLiteral("cloud readable"), yesNo(result.cloudReadable));
+    table.add(QStringLiteral("diagnostic"), result.diagnostic);
+    table.print(out);
+}
+
+void printGeoParquetProbe(QTextStream &out, const GeoParquetProbeResult &result)
+{
+    Table table;
+    table.add(QStringLiteral("url"), result.url.toString(QUrl::FullyEncoded));
+    table.add(QStringLiteral("content length"), size(result.contentLength));
+    table.add(QStringLiteral("content type"), bytes(result.contentType));
+    table.add(QStringLiteral("etag"), bytes(result.etag));
+    table.add(QStringLiteral("accepts ranges"), yesNo(result.acceptsRanges));
+    table.add(QStringLiteral("header marker"), yesNo(result.headerValid));
+    table.add(QStringLiteral("footer marker"), yesNo(result.footerValid));
+    table.add(QStringLiteral("cloud readable"), yesNo(result.cloudReadable));
+    table.add(QStringLiteral("diagnostic"), result.diagnostic);
+    table.print(out);
+}
+
+void printViewportSummary(QTextStream &out, const CogViewportResult &result)
+{
+    Table table;
+    table.add(QStringLiteral("overview level"), number(result.overviewLevel));
+    table.add(QStringLiteral("requested ranges"), number(result.requestedRanges));
+    table.add(QStringLiteral("merged ranges"), number(result.coalescedRanges));
+    table.add(QStringLiteral("requested bytes"), number(result.requestedBytes));
+    table.add(QStringLiteral("bytes read"), number(result.bytesRead));
+    table.add(QStringLiteral("cache hits"), number(result.cacheHits));
+    table.print(out);
+}
+
+void printStacItems(QTextStream &out, const QList<StacItem> &items)
+{
+    QList<QStringList> rows { { QStringLiteral("id"), QStringLiteral("collection"), QStringLiteral("datetime"),
+        QStringLiteral("assets") } };
+    for (const StacItem &item : items) {
+        rows.append({ item.id, item.collection, item.properties.value(QStringLiteral("datetime")).toString(),
+            QString::number(item.assets.size()) });
+    }
+    QList<qsizetype> widths(4, 0);
+    for (const QStringList &row : rows) {
+        for (int column = 0; column < 4; ++column)
+            widths[column] = std::max(widths[column], row.at(column).size());
+    }
+    for (const QStringList &row : rows) {
+        for (int column = 0; column < 3; ++column)
+            out << row.at(column).leftJustified(widths[column] + 2);
+        out << row.at(3).rightJustified(widths[3]) << '\n';
+    }
+}
+
+void printCogLayer(QTextStream &out, const StacCogLayer &layer)
+{
+    Table table;
+    table.add(QStringLiteral("item"), layer.itemId);
+    table.add(QStringLiteral("collection"), layer.collection);
+    table.add(QStringLiteral("asset"), layer.assetKey);
+    table.add(QStringLiteral("title"), layer.title);
+    table.add(QStringLiteral("media type"), layer.mediaType);
+    table.add(QStringLiteral("roles"), layer.roles.join(QLatin1Char(',')));
+    table.add(QStringLiteral("bbox"), doubles(layer.bbox));
+    table.add(QStringLiteral("source url"), layer.sourceUrl.toString(QUrl::FullyEncoded));
+    table.add(QStringLiteral("GDAL path"), layer.gdalVirtualPath);
+    table.print(out);
+}
+
+void printCacheStatistics(QTextStream &out, const CloudCacheOptions &options, const CloudCacheStatistics &statistics)
+{
+    Table table;
+    table.add(QStringLiteral("folder"), options.directory);
+    table.add(QStringLiteral("memory limit"), number(options.maximumMemoryBytes));
+    table.add(QStringLiteral("disk limit"), number(options.maximumDiskBytes));
+    table.add(QStringLiteral("maximum age (s)"), number(options.maximumAgeSeconds));
+    table.add(QStringLiteral("memory hits"), number(statistics.memoryHits));
+    table.add(QStringLiteral("disk hits"), number(statistics.diskHits));
+    table.add(QStringLiteral("misses"), number(statistics.misses));
+    table.add(QStringLiteral("writes"), number(statistics.writes));
+    table.add(QStringLiteral("evictions"), number(statistics.evictions));
+    table.add(QStringLiteral("network requests"), number(statistics.networkRequests));
+    table.add(QStringLiteral("network bytes"), number(statistics.networkBytes));
+    table.add(QStringLiteral("bytes served from cache"), number(statistics.cacheBytesServed));
+    table.add(QStringLiteral("memory bytes"), number(statistics.memoryBytes));
+    table.add(QStringLiteral("disk bytes"), number(statistics.diskBytes));
+    table.print(out);
+}
+
+ProgressBar::ProgressBar(QTextStream &stream, bool enabled)
+    : stream(stream)
+    , enabled(enabled)
+{
+}
+
+void ProgressBar::show(int percent, qint64 completed, qint64 total, const QString &message)
+{
+    if (!enabled)
+        return;
+    constexpr int width = 30;
+    const int filled = std::clamp(percent, 0, 100) * width / 100;
+    stream << '\r' << message << " [" << QString(filled, QLatin1Char('#')) << QString(width - filled, QLatin1Char(' '))
+           << "] " << percent << "% " << completed << '/' << total << " bytes";
+    stream.flush();
+    drawn = true;
+}
+
+void ProgressBar::finish()
+{
+    if (drawn) {
+        stream << '\n';
+        stream.flush();
+    }
+}
+
+} // namespace NorvaneCloudTool
