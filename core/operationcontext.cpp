@@ -7,7 +7,7 @@ namespace Norvane::Core::Operations {
 
 class OperationCancellationToken::State {
 public:
-    std::atomic<bool> cancelled{false};
+    std::atomic<bool> cancelled { false };
 };
 
 OperationCancellationToken::OperationCancellationToken()
@@ -59,16 +59,15 @@ void OperationContext::reportProgress(const OperationProgress &progress) const
         progressSink(progress);
 }
 
-OperationResourcePolicyDecision OperationContext::enforceResourceUsage(const OperationResourceUsage &usage,
-                                                                       const QString &component,
-                                                                       const QString &resource) const
+OperationResourcePolicyDecision OperationContext::enforceResourceUsage(
+    const OperationResourceUsage &usage, const QString &component, const QString &resource) const
 {
     if (!resourcePolicy)
         return {};
     OperationResourcePolicyDecision decision = resourcePolicy(usage, component, resource);
     if (!decision.allowed)
-        throw OperationRefusedError(decision.reason.isEmpty() ? QStringLiteral("Operation refused by resource policy")
-                                                              : decision.reason);
+        throw OperationRefusedError(
+            decision.reason.isEmpty() ? QStringLiteral("Operation refused by resource policy") : decision.reason);
     return decision;
 }
 

@@ -53,75 +53,59 @@ NORVANECLOUD_EXPORT int32_t NorvaneCloud_SetHeadersJson(NorvaneCloudClient *clie
 NORVANECLOUD_EXPORT int32_t NorvaneCloud_ClearCache(NorvaneCloudClient *client);
 
 /* Writes the cache statistics document. Returns its length, or -1. */
-NORVANECLOUD_EXPORT int32_t NorvaneCloud_CacheStatisticsJson(NorvaneCloudClient *client,
-                                                             char16_t *buffer,
-                                                             int32_t capacity);
+NORVANECLOUD_EXPORT int32_t NorvaneCloud_CacheStatisticsJson(
+    NorvaneCloudClient *client, char16_t *buffer, int32_t capacity);
 
 /* Writes the GDAL "/vsicurl/" path of an HTTP(S) COG URL as plain text. Returns its length, or -1. */
-NORVANECLOUD_EXPORT int32_t NorvaneCloud_CogGdalVirtualPath(NorvaneCloudClient *client,
-                                                            const char16_t *url,
-                                                            char16_t *buffer,
-                                                            int32_t capacity);
+NORVANECLOUD_EXPORT int32_t NorvaneCloud_CogGdalVirtualPath(
+    NorvaneCloudClient *client, const char16_t *url, char16_t *buffer, int32_t capacity);
 
 /* Probes a COG URL (per-call headers document optional) and writes the COG probe document.
  * Returns its length, or -1. */
-NORVANECLOUD_EXPORT int32_t NorvaneCloud_CogProbeJson(NorvaneCloudClient *client,
-                                                      const char16_t *url,
-                                                      const char16_t *headersJson,
-                                                      char16_t *buffer,
-                                                      int32_t capacity);
+NORVANECLOUD_EXPORT int32_t NorvaneCloud_CogProbeJson(
+    NorvaneCloudClient *client, const char16_t *url, const char16_t *headersJson, char16_t *buffer, int32_t capacity);
 
 /* Writes the GDAL "/vsicurl/" path of an HTTP(S) GeoParquet URL. Returns its length, or -1. */
-NORVANECLOUD_EXPORT int32_t NorvaneCloud_GeoParquetGdalVirtualPath(NorvaneCloudClient *client,
-                                                                   const char16_t *url,
-                                                                   char16_t *buffer,
-                                                                   int32_t capacity);
+NORVANECLOUD_EXPORT int32_t NorvaneCloud_GeoParquetGdalVirtualPath(
+    NorvaneCloudClient *client, const char16_t *url, char16_t *buffer, int32_t capacity);
 
 /* Probes a GeoParquet URL and writes the GeoParquet probe document. Returns its length, or -1. */
-NORVANECLOUD_EXPORT int32_t NorvaneCloud_GeoParquetProbeJson(NorvaneCloudClient *client,
-                                                             const char16_t *url,
-                                                             const char16_t *headersJson,
-                                                             char16_t *buffer,
-                                                             int32_t capacity);
+NORVANECLOUD_EXPORT int32_t NorvaneCloud_GeoParquetProbeJson(
+    NorvaneCloudClient *client, const char16_t *url, const char16_t *headersJson, char16_t *buffer, int32_t capacity);
 
 /* Writes the GDAL "/vsicurl/" path of an HTTP(S) PMTiles URL. Returns its length, or -1. */
-NORVANECLOUD_EXPORT int32_t NorvaneCloud_PmTilesGdalVirtualPath(NorvaneCloudClient *client,
-                                                                const char16_t *url,
-                                                                char16_t *buffer,
-                                                                int32_t capacity);
+NORVANECLOUD_EXPORT int32_t NorvaneCloud_PmTilesGdalVirtualPath(
+    NorvaneCloudClient *client, const char16_t *url, char16_t *buffer, int32_t capacity);
 
 /* Probes a PMTiles archive given as an HTTP(S) URL or a local file path and writes the PMTiles probe document.
  * Returns its length, or -1. */
 NORVANECLOUD_EXPORT int32_t NorvaneCloud_PmTilesInspectJson(NorvaneCloudClient *client,
-                                                            const char16_t *location,
-                                                            const char16_t *headersJson,
-                                                            char16_t *buffer,
-                                                            int32_t capacity);
+    const char16_t *location,
+    const char16_t *headersJson,
+    char16_t *buffer,
+    int32_t capacity);
 
 /* Probes a PMTiles URL and writes the PMTiles probe document. Returns its length, or -1. */
-NORVANECLOUD_EXPORT int32_t NorvaneCloud_PmTilesProbeJson(NorvaneCloudClient *client,
-                                                          const char16_t *url,
-                                                          const char16_t *headersJson,
-                                                          char16_t *buffer,
-                                                          int32_t capacity);
+NORVANECLOUD_EXPORT int32_t NorvaneCloud_PmTilesProbeJson(
+    NorvaneCloudClient *client, const char16_t *url, const char16_t *headersJson, char16_t *buffer, int32_t capacity);
 
 /* Searches the catalogue (search request document optional), takes the item at itemIndex (from 0) of the first
  * page and writes the COG layer document of the named asset, or of the best HTTP COG asset when assetKey is null
  * or empty. Returns its length, or -1. */
 NORVANECLOUD_EXPORT int32_t NorvaneCloud_StacResolveCogLayerJson(NorvaneCloudClient *client,
-                                                                 const char16_t *catalogUrl,
-                                                                 const char16_t *searchRequestJson,
-                                                                 const char16_t *assetKey,
-                                                                 int32_t itemIndex,
-                                                                 char16_t *buffer,
-                                                                 int32_t capacity);
+    const char16_t *catalogUrl,
+    const char16_t *searchRequestJson,
+    const char16_t *assetKey,
+    int32_t itemIndex,
+    char16_t *buffer,
+    int32_t capacity);
 
 /* Searches the catalogue and writes the first page as a search result document. Returns its length, or -1. */
 NORVANECLOUD_EXPORT int32_t NorvaneCloud_StacSearchJson(NorvaneCloudClient *client,
-                                                        const char16_t *catalogUrl,
-                                                        const char16_t *searchRequestJson,
-                                                        char16_t *buffer,
-                                                        int32_t capacity);
+    const char16_t *catalogUrl,
+    const char16_t *searchRequestJson,
+    char16_t *buffer,
+    int32_t capacity);
 
 #ifdef __cplusplus
 }

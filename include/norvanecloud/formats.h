@@ -141,10 +141,8 @@ public:
     /// Probes the URL's fully encoded text through the text form.
     PmTilesProbeResult probe(const QUrl &url, const QHash<QByteArray, QByteArray> &headers) const;
     /// One range of a remote or local archive; local reads go through the same cache.
-    CloudRangeResponse readRange(const QString &location,
-                                 qint64 offset,
-                                 qint64 length,
-                                 const QHash<QByteArray, QByteArray> &headers) const;
+    CloudRangeResponse readRange(
+        const QString &location, qint64 offset, qint64 length, const QHash<QByteArray, QByteArray> &headers) const;
     /// The statistics of the reader's cache; all counters 0 when the reader has none.
     CloudCacheStatistics cacheStatistics() const;
 

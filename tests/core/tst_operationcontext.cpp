@@ -15,9 +15,9 @@ private slots:
     {
         const OperationContext context;
         QVERIFY(!context.isCancellationRequested());
-        context.reportProgress(OperationProgress{2, 50, 1, 2, QStringLiteral("half"), {}});
+        context.reportProgress(OperationProgress { 2, 50, 1, 2, QStringLiteral("half"), {} });
         const OperationResourcePolicyDecision decision = context.enforceResourceUsage(
-            OperationResourceUsage{1LL << 40}, QStringLiteral("component"), QStringLiteral("resource"));
+            OperationResourceUsage { 1LL << 40 }, QStringLiteral("component"), QStringLiteral("resource"));
         QVERIFY(decision.allowed);
     }
 
@@ -38,7 +38,7 @@ private slots:
     void cancellationFromAnotherThreadIsSeen()
     {
         OperationContext context;
-        std::atomic<bool> seen{false};
+        std::atomic<bool> seen { false };
         std::thread poller([&] {
             while (!context.isCancellationRequested())
                 std::this_thread::yield();
@@ -54,9 +54,9 @@ private slots:
         OperationContext context;
         QList<qint32> percents;
         context.progressSink = [&](const OperationProgress &progress) { percents.append(progress.percent); };
-        context.reportProgress(OperationProgress{2, 0, 0, 10, {}, {}});
-        context.reportProgress(OperationProgress{4, 100, 10, 10, {}, {}});
-        QCOMPARE(percents, (QList<qint32>{0, 100}));
+        context.reportProgress(OperationProgress { 2, 0, 0, 10, {}, {} });
+        context.reportProgress(OperationProgress { 4, 100, 10, 10, {}, {} });
+        QCOMPARE(percents, (QList<qint32> { 0, 100 }));
     }
 
     void refusingPolicyThrowsWithItsReason()
@@ -67,10 +67,10 @@ private slots:
         context.resourcePolicy = [&](const OperationResourceUsage &usage, const QString &component, const QString &) {
             seenComponent = component;
             seenBytes = usage.bytes;
-            return OperationResourcePolicyDecision{false, QStringLiteral("over budget")};
+            return OperationResourcePolicyDecision { false, QStringLiteral("over budget") };
         };
         try {
-            context.enforceResourceUsage(OperationResourceUsage{42}, QStringLiteral("Reader"), QStringLiteral("x"));
+            context.enforceResourceUsage(OperationResourceUsage { 42 }, QStringLiteral("Reader"), QStringLiteral("x"));
             QFAIL("a refusal must throw");
         } catch (const OperationRefusedError &error) {
             QCOMPARE(QString::fromUtf8(error.what()), QStringLiteral("over budget"));

@@ -82,9 +82,8 @@ struct NORVANECORE_EXPORT OperationContext {
     bool isCancellationRequested() const;
     void reportProgress(const OperationProgress &progress) const;
     /// Returns the policy's decision when it allows the usage; throws OperationRefusedError otherwise.
-    OperationResourcePolicyDecision enforceResourceUsage(const OperationResourceUsage &usage,
-                                                         const QString &component,
-                                                         const QString &resource) const;
+    OperationResourcePolicyDecision enforceResourceUsage(
+        const OperationResourceUsage &usage, const QString &component, const QString &resource) const;
 };
 
 } // namespace Norvane::Core::Operations
