@@ -1,0 +1,1 @@
+norvane_add_benchmark(bench_stac SOURCES bench_stac.cpp LIBRARIES NorvaneCloud::Stac NorvaneTestSupport Qt6::Core)
