@@ -1,0 +1,158 @@
+#include <norvanecloud/formats.h>
+
+#include "formats/formatsmessages.h"
+#include "formats/gdalaccess.h"
+#include "formats/tiffheader.h"
+#include "formats/viewportplan.h"
+
+#include <stdexcept>
+
+namespace Norvane::Cloud {
+
+using Norvane::Core::Operations::OperationProgress;
+using Norvane::Core::Operations::OperationResourceUsage;
+
+namespace {
+
+constexpr qint32 progressUnderWay = 2;
+constexpr qint32 progressDone = 4;
+
+OperationProgress viewportProgress(
+    qint32 state, qint32 percent, qint64 completed, qint64 total, const char *message, QVariantMap details)
+{
+    OperationProgress progress;
+    progress.state = state;
+    progress.percent = percent;
+    progress.completed = completed;
+    progress.total = total;
+    progress.message = QLatin1String(message);
+    progress.details = std::move(details);
+    return progress;
+}
+
+OperationResourceUsage usageOfBytes(qint64 bytes)
+{
+    OperationResourceUsage usage;
+    usage.bytes = bytes;
+    return usage;
+}
+
+} // namespace
+
+CogSource::CogSource(std::shared_ptr<CloudRangeCache> cache)
+    : reader(std::make_unique<HttpRangeReader>(std::move(cache)))
+{
+}
+
+CogSource::~CogSource() = default;
+
+HttpRangeReader &CogSource::rangeReader()
+{
+    return *reader;
+}
+
+const HttpRangeReader &CogSource::rangeReader() const
+{
+    return *reader;
+}
+
+CogProbeResult CogSource::probe(const QUrl &url, const QHash<QByteArray, QByteArray> &headers) const
+{
+    const CloudResourceMetadata metadata = reader->inspect(url, headers);
+    CogProbeResult result;
+    result.url = metadata.url;
+    result.contentLength = metadata.contentLength;
+    result.etag = metadata.etag;
+    result.contentType = metadata.contentType;
+    result.acceptsRanges = metadata.acceptsRanges;
+
+    // The header is read where the inspection ended up, so a redirect is followed once, not twice.
+    CloudRangeRequest request;
+    request.url = result.url;
+    request.offset = 0;
+    request.length = tiffHeaderReadLength;
+    request.headers = headers;
+    request.useCache = true;
+    const CloudRangeResponse response = reader->read(request);
+
+    applyTiffHeader(result, response.data);
+    return result;
+}
+
+CogViewportResult CogSource::readViewport(const CogViewportRequest &request) const
+{
+    if (!request.url.isValid() || request.url.scheme().isEmpty())
+        throw std::invalid_argument(FormatsMessages::viewportUrlInvalid);
+    if (request.ranges.isEmpty())
+        throw std::invalid_argument(FormatsMessages::viewportNoRanges);
+    if (request.coalesceGap < 0)
+        throw std::invalid_argument(FormatsMessages::viewportGapNegative);
+
+    const auto &context = request.context;
+    const QString component = QLatin1String(FormatsMessages::viewportComponent);
+    const QString resource = request.url.toString();
+    context.enforceResourceUsage(usageOfBytes(0), component, resource);
+
+    validateByteRanges(request.ranges);
+    const QList<CogByteRange> merged = coalesceByteRanges(request.ranges, request.coalesceGap);
+
+    CogViewportResult result;
+    result.overviewLevel = request.overviewLevel;
+    result.requestedRanges = qint32(request.ranges.size());
+    result.coalescedRanges = qint32(merged.size());
+    result.requestedBytes = sumOfLengths(request.ranges);
+    // Merged ranges are disjoint and lie below the largest offset, so their sum cannot overflow.
+    const qint64 total = sumOfLengths(merged);
+
+    context.enforceResourceUsage(usageOfBytes(total), component, resource);
+
+    const QString overviewLevelKey = QStringLiteral("overviewLevel");
+    const QString cacheHitsKey = QStringLiteral("cacheHits");
+    context.reportProgress(viewportProgress(progressUnderWay, 0, 0, total, FormatsMessages::viewportProgressReading,
+        { { overviewLevelKey, result.overviewLevel }, { QStringLiteral("rangeCount"), qint64(merged.size()) } }));
+
+    result.responses.reserve(merged.size());
+    for (const CogByteRange &range : merged) {
+        if (context.isCancellationRequested())
+            throw std::runtime_error(FormatsMessages::viewportCancelled);
+
+        CloudRangeRequest rangeRequest;
+        rangeRequest.url = request.url;
+        rangeRequest.offset = range.offset;
+        rangeRequest.length = range.length;
+        rangeRequest.headers = request.headers;
+        rangeRequest.useCache = true;
+        // The read shares the viewport's cancellation (so a cancel interrupts a read under way) and its resource
+        // policy, but reports its own progress nowhere: the viewport reports progress for the whole.
+        rangeRequest.context.cancellationToken = context.cancellationToken;
+        rangeRequest.context.resourcePolicy = context.resourcePolicy;
+
+        CloudRangeResponse response = reader->read(rangeRequest);
+        result.bytesRead += response.data.size();
+        if (response.fromCache)
+            ++result.cacheHits;
+        result.responses.append(std::move(response));
+
+        context.reportProgress(viewportProgress(progressUnderWay, viewportPercent(result.bytesRead, total),
+            result.bytesRead, total, FormatsMessages::viewportProgressReading,
+            { { overviewLevelKey, result.overviewLevel }, { cacheHitsKey, result.cacheHits } }));
+    }
+
+    context.reportProgress(
+        viewportProgress(progressDone, 100, result.bytesRead, total, FormatsMessages::viewportProgressReady,
+            { { overviewLevelKey, result.overviewLevel }, { QStringLiteral("requestedRanges"), result.requestedRanges },
+                { QStringLiteral("coalescedRanges"), result.coalescedRanges }, { cacheHitsKey, result.cacheHits } }));
+    return result;
+}
+
+QString CogSource::gdalVirtualPath(const QUrl &url) const
+{
+    return Norvane::Cloud::gdalVirtualPath(url, FormatsMessages::cogUrlNotHttp);
+}
+
+QHash<QByteArray, QByteArray> CogSource::recommendedGdalOptions(qint64 cacheSize) const
+{
+    return recommendedCogGdalOptions(cacheSize);
+}
+
+} // namespace Norvane::Cloud

@@ -1,0 +1,74 @@
+#include <norvanecloud/formats.h>
+
+#include "formats/formatsmessages.h"
+#include "formats/gdalaccess.h"
+
+namespace Norvane::Cloud {
+
+namespace {
+
+constexpr qint64 parquetMarkerLength = 4;
+// A file holds at least its two markers.
+constexpr qint64 parquetMinimumLength = 2 * parquetMarkerLength;
+
+} // namespace
+
+GeoParquetSource::GeoParquetSource(std::shared_ptr<CloudRangeCache> cache)
+    : reader(std::make_unique<HttpRangeReader>(std::move(cache)))
+{
+}
+
+GeoParquetSource::~GeoParquetSource() = default;
+GeoParquetSource::GeoParquetSource(GeoParquetSource &&other) noexcept = default;
+GeoParquetSource &GeoParquetSource::operator=(GeoParquetSource &&other) noexcept = default;
+
+HttpRangeReader &GeoParquetSource::rangeReader()
+{
+    return *reader;
+}
+
+const HttpRangeReader &GeoParquetSource::rangeReader() const
+{
+    return *reader;
+}
+
+GeoParquetProbeResult GeoParquetSource::probe(const QUrl &url, const QHash<QByteArray, QByteArray> &headers) const
+{
+    const CloudResourceMetadata metadata = reader->inspect(url, headers);
+    GeoParquetProbeResult result;
+    result.url = metadata.url;
+    result.contentLength = metadata.contentLength;
+    result.etag = metadata.etag;
+    result.contentType = metadata.contentType;
+    result.acceptsRanges = metadata.acceptsRanges;
+
+    // Without a known length there is no end to read the footer marker from.
+    if (result.contentLength < parquetMinimumLength) {
+        result.diagnostic = QLatin1String(FormatsMessages::parquetTooSmall);
+        return result;
+    }
+
+    const QByteArray marker = QByteArrayLiteral("PAR1");
+    CloudRangeRequest request;
+    request.url = url;
+    request.offset = 0;
+    request.length = parquetMarkerLength;
+    request.headers = headers;
+    request.useCache = true;
+    result.headerValid = reader->read(request).data == marker;
+
+    request.offset = result.contentLength - parquetMarkerLength;
+    result.footerValid = reader->read(request).data == marker;
+
+    result.cloudReadable = result.acceptsRanges && result.headerValid && result.footerValid;
+    result.diagnostic
+        = QLatin1String(result.cloudReadable ? FormatsMessages::parquetReadable : FormatsMessages::parquetNotReadable);
+    return result;
+}
+
+QString GeoParquetSource::gdalVirtualPath(const QUrl &url) const
+{
+    return Norvane::Cloud::gdalVirtualPath(url, FormatsMessages::cloudObjectUrlNotHttp);
+}
+
+} // namespace Norvane::Cloud

@@ -1,0 +1,148 @@
+#include <norvanecloud/formats.h>
+
+#include "formats/formatsmessages.h"
+#include "formats/gdalaccess.h"
+#include "formats/pmtilesheader.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <stdexcept>
+
+namespace Norvane::Cloud {
+
+namespace {
+
+QFileInfo existingLocalArchive(const QString &location)
+{
+    QFileInfo info(location);
+    if (!info.isFile())
+        throw std::invalid_argument(FormatsMessages::pmTilesLocalMissing);
+    return info;
+}
+
+} // namespace
+
+PmTilesSource::PmTilesSource(std::shared_ptr<CloudRangeCache> cache)
+    : reader(std::make_unique<HttpRangeReader>(std::move(cache)))
+{
+}
+
+PmTilesSource::~PmTilesSource() = default;
+PmTilesSource::PmTilesSource(PmTilesSource &&other) noexcept = default;
+PmTilesSource &PmTilesSource::operator=(PmTilesSource &&other) noexcept = default;
+
+HttpRangeReader &PmTilesSource::rangeReader()
+{
+    return *reader;
+}
+
+const HttpRangeReader &PmTilesSource::rangeReader() const
+{
+    return *reader;
+}
+
+PmTilesProbeResult PmTilesSource::probe(const QString &location, const QHash<QByteArray, QByteArray> &headers) const
+{
+    PmTilesProbeResult result;
+    result.remote = isRemoteLocation(location);
+    if (result.remote) {
+        const CloudResourceMetadata metadata = reader->inspect(QUrl(location, QUrl::TolerantMode), headers);
+        result.url = metadata.url;
+        result.contentLength = metadata.contentLength;
+        result.etag = metadata.etag;
+        result.contentType = metadata.contentType;
+        result.acceptsRanges = metadata.acceptsRanges;
+    } else {
+        const QFileInfo info = existingLocalArchive(location);
+        result.url = QUrl::fromLocalFile(info.absoluteFilePath());
+        result.contentLength = info.size();
+        result.contentType = QByteArray(pmTilesContentType);
+        result.acceptsRanges = true;
+    }
+
+    // Read at the location as given, not where the inspection was redirected to.
+    const CloudRangeResponse header = readRange(location, 0, pmTilesHeaderLength, headers);
+    // A server that advertises nothing but answers with 206 does serve ranges; a server that sends no length in
+    // the inspection may still name the total in Content-Range.
+    result.acceptsRanges = result.acceptsRanges || header.acceptsRanges;
+    if (result.contentLength < pmTilesHeaderLength && header.totalSize >= pmTilesHeaderLength)
+        result.contentLength = header.totalSize;
+
+    applyPmTilesHeader(result, header.data);
+    return result;
+}
+
+PmTilesProbeResult PmTilesSource::probe(const QUrl &url, const QHash<QByteArray, QByteArray> &headers) const
+{
+    return probe(url.toString(QUrl::FullyEncoded), headers);
+}
+
+CloudRangeResponse PmTilesSource::readRange(
+    const QString &location, qint64 offset, qint64 length, const QHash<QByteArray, QByteArray> &headers) const
+{
+    if (isRemoteLocation(location)) {
+        CloudRangeRequest request;
+        request.url = QUrl(location, QUrl::TolerantMode);
+        request.offset = offset;
+        request.length = length;
+        request.headers = headers;
+        request.useCache = true;
+        return reader->read(request);
+    }
+
+    const QFileInfo info = existingLocalArchive(location);
+    const qint64 fileSize = info.size();
+    if (offset < 0 || length < 1 || offset > fileSize || length > fileSize - offset)
+        throw std::invalid_argument(FormatsMessages::pmTilesLocalOutOfBounds);
+
+    // The request only names the bytes for the cache key; local reads never reach the reader's network code.
+    CloudRangeRequest request;
+    request.url = QUrl::fromLocalFile(info.absoluteFilePath());
+    request.offset = offset;
+    request.length = length;
+    request.headers = headers;
+    const QString key = HttpRangeReader::cacheKey(request);
+
+    const std::shared_ptr<CloudRangeCache> cache = reader->cache();
+    CloudRangeResponse response;
+    if (cache && cache->get(key, response))
+        return response;
+
+    QFile file(info.absoluteFilePath());
+    if (!file.open(QIODevice::ReadOnly) || !file.seek(offset))
+        throw std::runtime_error(FormatsMessages::pmTilesLocalOpenFailed);
+    const QByteArray data = file.read(length);
+    if (data.size() < length)
+        throw std::runtime_error(FormatsMessages::pmTilesLocalTruncated);
+
+    response = CloudRangeResponse();
+    response.data = data;
+    response.offset = offset;
+    response.totalSize = fileSize;
+    response.statusCode = 200;
+    response.acceptsRanges = true;
+    response.contentType = QByteArray(pmTilesContentType);
+    response.fromCache = false;
+    if (cache)
+        cache->put(key, response);
+    return response;
+}
+
+CloudCacheStatistics PmTilesSource::cacheStatistics() const
+{
+    const std::shared_ptr<CloudRangeCache> cache = reader->cache();
+    return cache ? cache->statistics() : CloudCacheStatistics();
+}
+
+QString PmTilesSource::gdalVirtualPath(const QUrl &url) const
+{
+    return Norvane::Cloud::gdalVirtualPath(url, FormatsMessages::cloudObjectUrlNotHttp);
+}
+
+QString PmTilesSource::gdalPath(const QString &location) const
+{
+    return gdalPathOfLocation(location);
+}
+
+} // namespace Norvane::Cloud
