@@ -1,0 +1,254 @@
+// CloudRangeCache measured where it is used: full. 16 KiB entries, a memory tier at 64, 4096 and 65 536 keys,
+// and a disk tier of 65 536 entry files (about 1 GiB) built once per process in a temporary folder.
+//
+// Run:  bench_cache --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+// The disk benchmarks share one folder and run in registration order: hits first, then puts under the limit,
+// then puts over it (which delete the oldest files as they go).
+
+#include <norvanecloud/rangetransport.h>
+
+#include "transport/cachediskentry.h"
+
+#include <benchmark/benchmark.h>
+
+#include <QByteArray>
+#include <QCryptographicHash>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <vector>
+
+using namespace Norvane::Cloud;
+
+namespace {
+
+constexpr qsizetype entryBytes = 16 * 1024;
+constexpr int diskEntryCount = 65536;
+
+// Keys shaped like the reader's: 64 hexadecimal digits.
+QString keyOf(const char *prefix, int index)
+{
+    const QByteArray seed = QByteArray(prefix) + QByteArray::number(index);
+    return QString::fromLatin1(QCryptographicHash::hash(seed, QCryptographicHash::Sha256).toHex());
+}
+
+CloudRangeResponse responseOf(int index)
+{
+    CloudRangeResponse response;
+    // A buffer of its own per entry, as ranges from the network would have.
+    response.data = QByteArray(entryBytes, char('a' + index % 26));
+    response.offset = qint64(index) * entryBytes;
+    response.totalSize = qint64(1) << 32;
+    response.statusCode = 206;
+    // Header values of their own too: literals would share static data that a hit never has to touch.
+    response.etag = QByteArray("\"0123456789abcdef\"");
+    response.lastModified = QByteArray("Mon, 02 Mar 2026 10:00:00 GMT");
+    response.contentType = QByteArray("image/tiff");
+    response.acceptsRanges = true;
+    return response;
+}
+
+std::vector<int> shuffledIndexes(int count)
+{
+    std::vector<int> indexes(count);
+    for (int index = 0; index < count; ++index)
+        indexes[index] = index;
+    QRandomGenerator random(42);
+    std::shuffle(indexes.begin(), indexes.end(), random);
+    return indexes;
+}
+
+CloudCacheOptions memoryOptions(qint64 maximumMemoryBytes)
+{
+    CloudCacheOptions options;
+    options.maximumMemoryBytes = maximumMemoryBytes;
+    options.diskEnabled = false;
+    return options;
+}
+
+struct FullMemoryTier {
+    std::unique_ptr<CloudRangeCache> cache;
+    std::vector<QString> keys;
+};
+
+// Filled exactly to its limit, so every key is still held.
+FullMemoryTier &fullMemoryTier(int keyCount)
+{
+    static std::map<int, FullMemoryTier> tiers;
+    FullMemoryTier &tier = tiers[keyCount];
+    if (!tier.cache) {
+        tier.cache = std::make_unique<CloudRangeCache>(memoryOptions(qint64(keyCount) * entryBytes));
+        for (int index = 0; index < keyCount; ++index) {
+            tier.keys.push_back(keyOf("memory", index));
+            tier.cache->put(tier.keys.back(), responseOf(index));
+        }
+    }
+    return tier;
+}
+
+void memoryHit(benchmark::State &state)
+{
+    const int keyCount = int(state.range(0));
+    FullMemoryTier &tier = fullMemoryTier(keyCount);
+    std::vector<QString> order;
+    for (int index : shuffledIndexes(keyCount))
+        order.push_back(tier.keys[index]);
+    CloudRangeResponse response;
+    size_t next = 0;
+    for (auto _ : state) {
+        const bool hit = tier.cache->get(order[next], response);
+        benchmark::DoNotOptimize(hit);
+        if (++next == order.size())
+            next = 0;
+    }
+    if (tier.cache->statistics().misses != 0)
+        state.SkipWithError("a hit missed");
+}
+
+void memoryPutIntoFullTier(benchmark::State &state)
+{
+    constexpr int held = 4096;
+    // More fresh keys than the tier holds, so each put inserts a new entry and evicts the oldest.
+    constexpr int freshKeys = 4 * held;
+    CloudRangeCache cache(memoryOptions(qint64(held) * entryBytes));
+    for (int index = 0; index < held; ++index)
+        cache.put(keyOf("held", index), responseOf(index));
+    std::vector<QString> keys;
+    std::vector<CloudRangeResponse> responses;
+    for (int index = 0; index < freshKeys; ++index) {
+        keys.push_back(keyOf("fresh", index));
+        responses.push_back(responseOf(index));
+    }
+    const qint64 evictionsBefore = cache.statistics().evictions;
+    size_t next = 0;
+    for (auto _ : state) {
+        cache.put(keys[next], responses[next]);
+        if (++next == keys.size())
+            next = 0;
+    }
+    const CloudCacheStatistics statistics = cache.statistics();
+    if (statistics.evictions - evictionsBefore != qint64(state.iterations()))
+        state.SkipWithError("a put did not evict exactly one entry");
+}
+
+// The 65 536 entry files are written directly, without the cache's flush to disk, so building them takes seconds
+// rather than minutes; they are byte for byte what the cache writes.
+struct DiskFolder {
+    QTemporaryDir directory;
+    std::vector<QString> keys;
+    qint64 bytes = 0;
+};
+
+DiskFolder &diskFolder()
+{
+    static std::unique_ptr<DiskFolder> folder;
+    if (!folder) {
+        folder = std::make_unique<DiskFolder>();
+        const qint64 storedAt = QDateTime::currentMSecsSinceEpoch();
+        for (int index = 0; index < diskEntryCount; ++index) {
+            const QString key = keyOf("disk", index);
+            const QByteArray entry = encodeCacheDiskEntry(responseOf(index), storedAt);
+            QFile file(QDir(folder->directory.path()).filePath(cacheDiskFileName(key)));
+            if (!file.open(QIODevice::WriteOnly) || file.write(entry) != entry.size())
+                return *folder;
+            folder->keys.push_back(key);
+            folder->bytes += entry.size();
+        }
+    }
+    return *folder;
+}
+
+CloudCacheOptions diskOptions(const QString &directory, qint64 maximumDiskBytes)
+{
+    CloudCacheOptions options;
+    options.directory = directory;
+    options.memoryEnabled = false;
+    options.maximumDiskBytes = maximumDiskBytes;
+    return options;
+}
+
+void diskHit(benchmark::State &state)
+{
+    DiskFolder &folder = diskFolder();
+    if (int(folder.keys.size()) != diskEntryCount) {
+        state.SkipWithError("could not build the entry folder");
+        return;
+    }
+    CloudRangeCache cache(diskOptions(folder.directory.path(), 4 * folder.bytes));
+    std::vector<QString> order;
+    for (int index : shuffledIndexes(diskEntryCount))
+        order.push_back(folder.keys[index]);
+    CloudRangeResponse response;
+    size_t next = 0;
+    for (auto _ : state) {
+        const bool hit = cache.get(order[next], response);
+        benchmark::DoNotOptimize(hit);
+        if (++next == order.size())
+            next = 0;
+    }
+    if (cache.statistics().misses != 0)
+        state.SkipWithError("a hit missed");
+}
+
+void diskPut(benchmark::State &state, bool overLimit)
+{
+    DiskFolder &folder = diskFolder();
+    if (int(folder.keys.size()) != diskEntryCount) {
+        state.SkipWithError("could not build the entry folder");
+        return;
+    }
+    const QString path = folder.directory.path();
+    // Over the limit: the limit is what the folder holds now, so every put pushes the account over it and the
+    // trim deletes the oldest file. Under it: room for far more than this benchmark writes.
+    qint64 limit = 4 * folder.bytes;
+    if (overLimit)
+        limit = CloudRangeCache(diskOptions(path, limit)).statistics().diskBytes;
+    CloudRangeCache cache(diskOptions(path, limit));
+    // Under the limit the keys repeat, so the folder does not grow without bound; each put replaces a file.
+    std::vector<QString> keys;
+    for (int index = 0; index < 512; ++index)
+        keys.push_back(keyOf(overLimit ? "over" : "under", index));
+    const CloudRangeResponse response = responseOf(7);
+    const qint64 evictionsBefore = cache.statistics().evictions;
+    // Keys over the limit are always new, across repetitions too, so each put adds a whole file.
+    static int round = 0;
+    size_t next = 0;
+    for (auto _ : state) {
+        cache.put(overLimit ? keyOf("over", round++) : keys[next], response);
+        if (++next == keys.size())
+            next = 0;
+    }
+    const CloudCacheStatistics statistics = cache.statistics();
+    if (statistics.writes != qint64(state.iterations()))
+        state.SkipWithError("a put was not stored");
+    if (overLimit && statistics.evictions - evictionsBefore != qint64(state.iterations()))
+        state.SkipWithError("a put over the limit did not evict exactly one file");
+    if (!overLimit && statistics.evictions != evictionsBefore)
+        state.SkipWithError("a put under the limit evicted");
+}
+
+void diskPutUnderLimit(benchmark::State &state)
+{
+    diskPut(state, false);
+}
+
+void diskPutOverLimit(benchmark::State &state)
+{
+    diskPut(state, true);
+}
+
+} // namespace
+
+BENCHMARK(memoryHit)->Arg(64)->Arg(4096)->Arg(65536);
+BENCHMARK(memoryPutIntoFullTier);
+BENCHMARK(diskHit);
+BENCHMARK(diskPutUnderLimit);
+BENCHMARK(diskPutOverLimit)->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,1 @@
+norvane_add_benchmark(bench_cache SOURCES bench_cache.cpp LIBRARIES NorvaneCloud::Transport)
