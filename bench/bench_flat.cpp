@@ -1,0 +1,95 @@
+// The flat interface's own costs: a COG probe whose 16-byte header read comes from the cache (only its HEAD
+// reaches the loopback server), and writing a search result document for a recorded page of ten items.
+
+#include <norvanecloud/flat.h>
+#include <norvanecloud/stac.h>
+
+#include "flat/flatdocuments.h"
+
+#include <loopbackhttpserver.h>
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+
+#include <string>
+#include <vector>
+
+using namespace Norvane::Cloud;
+
+namespace {
+
+QByteArray readFixture(const QString &relative)
+{
+    QFile file(QStringLiteral(NORVANE_TEST_DATA_DIR "/") + relative);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+std::u16string utf16(const QString &text)
+{
+    return std::u16string(reinterpret_cast<const char16_t *>(text.utf16()), static_cast<size_t>(text.size()));
+}
+
+void cogProbeJsonFromCache(benchmark::State &state)
+{
+    Testing::LoopbackHttpServer server;
+    if (!server.start()) {
+        state.SkipWithError("loopback server did not start");
+        return;
+    }
+    server.serveDirectory(QStringLiteral(NORVANE_TEST_DATA_DIR));
+    QTemporaryDir folder;
+    NorvaneCloudClient *client
+        = NorvaneCloud_CreateClient(utf16(QStringLiteral("{\"directory\":\"%1\"}").arg(folder.path())).c_str());
+    const std::u16string url = utf16(server.url(QStringLiteral("/tiff/bigtiff-cog-le-ifd-at-16.tiff")).toString());
+    std::vector<char16_t> buffer(4096);
+    if (NorvaneCloud_CogProbeJson(client, url.c_str(), nullptr, buffer.data(), 4096) <= 0) {
+        state.SkipWithError("probe failed");
+        NorvaneCloud_DestroyClient(client);
+        return;
+    }
+    server.clearRequests();
+
+    for (auto _ : state)
+        benchmark::DoNotOptimize(NorvaneCloud_CogProbeJson(client, url.c_str(), nullptr, buffer.data(), 4096));
+
+    // Every timed probe sent its HEAD and nothing else.
+    if (server.requestCount() != static_cast<int>(state.iterations()))
+        state.SkipWithError("a timed probe read its header from the network");
+    NorvaneCloud_DestroyClient(client);
+    server.stop();
+}
+BENCHMARK(cogProbeJsonFromCache)->Unit(benchmark::kMicrosecond);
+
+void writeSearchResultDocument(benchmark::State &state)
+{
+    const QByteArray page = readFixture(QStringLiteral("stac/planetary-computer-naip-page1-next-post-token.json"));
+    const StacSearchResult result = StacClient::parseItemCollection(
+        page, QUrl(QStringLiteral("https://planetarycomputer.microsoft.com/api/stac/v1/search")));
+    qsizetype documentUnits = 0;
+    for (auto _ : state) {
+        const QString document = searchResultToJson(result);
+        documentUnits = document.size();
+        benchmark::DoNotOptimize(document.constData());
+    }
+    state.SetBytesProcessed(qint64(state.iterations()) * page.size());
+    state.counters["page_bytes"] = double(page.size());
+    state.counters["document_units"] = double(documentUnits);
+}
+BENCHMARK(writeSearchResultDocument)->Unit(benchmark::kMicrosecond);
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    // A host with its own application object: the probes take no lock and make no temporary one.
+    QCoreApplication application(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,1 @@
+norvane_add_benchmark(bench_flat SOURCES bench_flat.cpp LIBRARIES NorvaneCloud::Flat NorvaneTestSupport Qt6::Core)

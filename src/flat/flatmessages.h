@@ -1,0 +1,16 @@
+#pragma once
+
+// Every message text of the flat interface, once. Tests pin them exactly.
+
+namespace Norvane::Cloud::FlatMessages {
+
+inline constexpr char clientNull[] = "Cloud client is null";
+inline constexpr char optionsNotObject[] = "Cloud client options must be a JSON object";
+inline constexpr char headersNotObject[] = "Cloud headers must be a JSON object";
+inline constexpr char searchRequestNotObject[] = "STAC search request must be a JSON object";
+inline constexpr char itemIndexOutOfRange[] = "STAC item index is out of range";
+
+// Name a temporary Qt application object is given.
+inline constexpr char applicationName[] = "Norvane.Cloud";
+
+} // namespace Norvane::Cloud::FlatMessages
