@@ -11,10 +11,10 @@ namespace Norvane::Cloud {
 
 class CloudRangeCacheInternals {
 public:
-    /// Waits while another thread fetches key, then claims it. True when the caller waited, so it should look
-    /// in the cache again before fetching.
+    /// False: the caller now owns the fetch of key and must call finishFetch. True: another thread was fetching
+    /// it and this call waited until that fetch ended, without claiming the key; look in the cache again.
     static bool beginFetch(CloudRangeCache &cache, const QString &key) { return cache.beginFetch(key); }
-    /// Releases the claim of beginFetch and wakes the threads waiting for key.
+    /// Ends the caller's fetch of key and wakes every waiter, of any key, to look again.
     static void finishFetch(CloudRangeCache &cache, const QString &key) { cache.finishFetch(key); }
     static void recordCacheTransfer(CloudRangeCache &cache, qint64 bytes) { cache.recordCacheTransfer(bytes); }
     static void recordNetworkTransfer(CloudRangeCache &cache, qint64 bytes) { cache.recordNetworkTransfer(bytes); }
