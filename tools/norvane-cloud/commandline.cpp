@@ -25,6 +25,12 @@ QStringList ParsedCommand::values(const QString &name) const
 
 namespace {
 
+// A negative number ("-5") is an argument, not an option, so the library can judge it.
+bool isOption(const QString &argument)
+{
+    return argument.size() > 1 && argument.startsWith(QLatin1Char('-')) && !argument.at(1).isDigit();
+}
+
 const QList<OptionSpec> globalOptionSpecs {
     { QStringLiteral("header"), true },
     { QStringLiteral("timeout"), true },
@@ -80,7 +86,7 @@ QString subcommandOf(const QStringList &arguments)
     QStringList words;
     for (int i = 0; i < arguments.size() && words.size() < 2; ++i) {
         const QString &argument = arguments.at(i);
-        if (argument.startsWith(QLatin1Char('-'))) {
+        if (isOption(argument)) {
             const QString name
                 = argument.mid(argument.startsWith(QLatin1String("--")) ? 2 : 1).section(QLatin1Char('='), 0, 0);
             const OptionSpec *spec = findSpec(globalOptionSpecs, name);
@@ -100,8 +106,7 @@ ParsedCommand parseCommandLine(const QStringList &arguments, const QList<OptionS
     ParsedCommand parsed;
     for (int i = 0; i < arguments.size(); ++i) {
         const QString &argument = arguments.at(i);
-        if (argument == QLatin1String("--") || !argument.startsWith(QLatin1Char('-'))
-            || argument == QLatin1String("-")) {
+        if (argument == QLatin1String("--") || !isOption(argument)) {
             parsed.words.append(argument);
             continue;
         }
