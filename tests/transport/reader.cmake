@@ -2,7 +2,7 @@
 norvane_add_test(tst_loopbackhttpserver
     SOURCES tst_loopbackhttpserver.cpp
     LIBRARIES NorvaneTestSupport Qt6::Network
-    LABELS http nginx)
+    LABELS http)
 norvane_add_test(tst_httprangereader
     SOURCES tst_httprangereader.cpp
     LIBRARIES NorvaneCloud::Transport NorvaneTestSupport
