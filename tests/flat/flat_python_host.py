@@ -8,185 +8,108 @@ import ctypes
 import json
 import os
 import sys
-import threading
 import unittest
 
 LIBRARY_PATH, PORT, DATA_FOLDER, CACHE_FOLDER = sys.argv[1:5]
 SERVER = "http://127.0.0.1:%s" % PORT
 
 Unit = ctypes.c_uint16
-UnitPointer = ctypes.POINTER(Unit)
-Client = ctypes.c_void_p
+Text, Int, Client = ctypes.POINTER(Unit), ctypes.c_int32, ctypes.c_void_p
+SIGNATURES = {
+    "CreateClient": (Client, [Text]), "DestroyClient": (None, [Client]), "LastError": (Int, [Text, Int]),
+    "SetTimeout": (Int, [Client, Int]), "SetHeadersJson": (Int, [Client, Text]), "ClearCache": (Int, [Client]),
+    "CacheStatisticsJson": (Int, [Client, Text, Int]),
+    "StacResolveCogLayerJson": (Int, [Client, Text, Text, Text, Int, Text, Int]),
+}
+for name in ("CogGdalVirtualPath", "GeoParquetGdalVirtualPath", "PmTilesGdalVirtualPath"):
+    SIGNATURES[name] = (Int, [Client, Text, Text, Int])
+for name in ("CogProbeJson", "GeoParquetProbeJson", "PmTilesInspectJson", "PmTilesProbeJson", "StacSearchJson"):
+    SIGNATURES[name] = (Int, [Client, Text, Text, Text, Int])
 
+library = ctypes.CDLL(LIBRARY_PATH)
+for name, (result, arguments) in SIGNATURES.items():
+    function = getattr(library, "NorvaneCloud_" + name)
+    function.restype, function.argtypes = result, arguments
+
+
+def flat(name):
+    return getattr(library, "NorvaneCloud_" + name)
 
 def utf16(text):
-    """Zero-terminated UTF-16 in 16-bit units; None stays a null pointer. (ctypes' own wide strings are UTF-32
-    on Linux, so they cannot be used.)"""
+    """Zero-terminated UTF-16 in 16-bit units (ctypes' own wide strings are UTF-32 on Linux); None stays null."""
     if text is None:
         return None
     encoded = text.encode("utf-16-le")
-    units = [int.from_bytes(encoded[index:index + 2], "little") for index in range(0, len(encoded), 2)]
-    return (Unit * (len(units) + 1))(*units, 0)
+    return (Unit * (len(encoded) // 2 + 1)).from_buffer_copy(encoded + b"\0\0")
 
 
 def text_of(buffer, length):
     return bytes(buffer)[: 2 * length].decode("utf-16-le", errors="surrogatepass")
 
 
-def load():
-    library = ctypes.CDLL(LIBRARY_PATH)
-    signatures = {
-        "NorvaneCloud_CreateClient": (Client, [UnitPointer]),
-        "NorvaneCloud_DestroyClient": (None, [Client]),
-        "NorvaneCloud_LastError": (ctypes.c_int32, [UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_SetTimeout": (ctypes.c_int32, [Client, ctypes.c_int32]),
-        "NorvaneCloud_SetHeadersJson": (ctypes.c_int32, [Client, UnitPointer]),
-        "NorvaneCloud_ClearCache": (ctypes.c_int32, [Client]),
-        "NorvaneCloud_CacheStatisticsJson": (ctypes.c_int32, [Client, UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_CogGdalVirtualPath": (ctypes.c_int32, [Client, UnitPointer, UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_GeoParquetGdalVirtualPath": (ctypes.c_int32,
-                                                   [Client, UnitPointer, UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_PmTilesGdalVirtualPath": (ctypes.c_int32, [Client, UnitPointer, UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_CogProbeJson": (ctypes.c_int32,
-                                      [Client, UnitPointer, UnitPointer, UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_GeoParquetProbeJson": (ctypes.c_int32,
-                                             [Client, UnitPointer, UnitPointer, UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_PmTilesInspectJson": (ctypes.c_int32,
-                                            [Client, UnitPointer, UnitPointer, UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_PmTilesProbeJson": (ctypes.c_int32,
-                                          [Client, UnitPointer, UnitPointer, UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_StacSearchJson": (ctypes.c_int32,
-                                        [Client, UnitPointer, UnitPointer, UnitPointer, ctypes.c_int32]),
-        "NorvaneCloud_StacResolveCogLayerJson": (ctypes.c_int32, [Client, UnitPointer, UnitPointer, UnitPointer,
-                                                                  ctypes.c_int32, UnitPointer, ctypes.c_int32]),
-    }
-    for name, (result, arguments) in signatures.items():
-        function = getattr(library, name)
-        function.restype = result
-        function.argtypes = arguments
-    return library
-
-
-flat = load()
-
-
 def last_error():
-    length = flat.NorvaneCloud_LastError(None, 0)
-    buffer = (Unit * (length + 1))()
-    flat.NorvaneCloud_LastError(buffer, length + 1)
-    return text_of(buffer, length)
+    buffer = (Unit * 256)()
+    return text_of(buffer, flat("LastError")(buffer, 256))
 
 
-def call_text(function, *arguments):
-    """Size query with a null buffer, then the call with a buffer that fits. Returns the text, or raises with
-    the last error."""
-    length = function(*arguments, None, 0)
-    if length < 0:
-        raise RuntimeError(last_error())
+def call_text(name, *arguments):
+    """Size query with a null buffer, then the call with a buffer that fits; raises with the last error."""
+    length = flat(name)(*arguments, None, 0)
     buffer = (Unit * (length + 1))()
-    if function(*arguments, buffer, length + 1) != length:
+    if length < 0 or flat(name)(*arguments, buffer, length + 1) != length:
         raise RuntimeError(last_error())
     return text_of(buffer, length)
 
 
 class FlatHost(unittest.TestCase):
     def setUp(self):
-        # Each test has a cache folder of its own, so the disk levels it reads are its own.
-        folder = os.path.join(CACHE_FOLDER, self._testMethodName)
-        options = json.dumps({"directory": folder, "maximumMemoryBytes": 9007199254740993})
-        self.client = flat.NorvaneCloud_CreateClient(utf16(options))
+        options = json.dumps({"directory": os.path.join(CACHE_FOLDER, self._testMethodName)})
+        self.client = flat("CreateClient")(utf16(options))
         self.assertTrue(self.client, last_error())
 
     def tearDown(self):
-        flat.NorvaneCloud_DestroyClient(self.client)
+        flat("DestroyClient")(self.client)
 
-    def test_create_client_failure_and_last_error(self):
-        self.assertIsNone(flat.NorvaneCloud_CreateClient(utf16("[1, 2]")))
+    def test_failures_and_last_error(self):
+        self.assertIsNone(flat("CreateClient")(utf16("[1, 2]")))
         self.assertEqual(last_error(), "Cloud client options must be a JSON object")
-        self.assertEqual(flat.NorvaneCloud_LastError(None, 0), 42)
-        self.assertEqual(flat.NorvaneCloud_SetTimeout(self.client, 2500), 1)
-        self.assertEqual(flat.NorvaneCloud_LastError(None, 0), 0)
-        self.assertEqual(flat.NorvaneCloud_SetTimeout(self.client, -5), 0)
-        self.assertEqual(last_error(), "HTTP timeout must be positive")
+        self.assertEqual(flat("SetTimeout")(self.client, 2500), 1)
+        self.assertEqual(flat("LastError")(None, 0), 0)
 
-    def test_statistics_document(self):
-        document = call_text(flat.NorvaneCloud_CacheStatisticsJson, self.client)
-        self.assertEqual(list(json.loads(document)), sorted(json.loads(document)))
-        self.assertEqual(json.loads(document), dict.fromkeys(
-            ["cacheBytesServed", "diskBytes", "diskHits", "evictions", "memoryBytes", "memoryHits", "misses",
-             "networkBytes", "networkRequests", "writes"], 0))
-
-    def test_gdal_path_with_non_ascii_text_and_truncation(self):
-        url = SERVER + "/tiff/\u00e9t\u00e9 \U0001F30D.tif"
-        path = call_text(flat.NorvaneCloud_CogGdalVirtualPath, self.client, utf16(url))
+    def test_gdal_path_with_surrogate_pairs_and_truncation(self):
+        url = utf16(SERVER + "/tiff/\u00e9t\u00e9 \U0001F30D.tif")
+        path = call_text("CogGdalVirtualPath", self.client, url)
         self.assertEqual(path, "/vsicurl/" + SERVER + "/tiff/%C3%A9t%C3%A9%20%F0%9F%8C%8D.tif")
-
         small = (Unit * 8)(*([0x2222] * 8))
-        self.assertEqual(flat.NorvaneCloud_CogGdalVirtualPath(self.client, utf16(url), small, 5), len(path))
-        self.assertEqual(text_of(small, 4), "/vsi")
-        self.assertEqual(list(small[4:6]), [0, 0x2222])
+        self.assertEqual(flat("CogGdalVirtualPath")(self.client, url, small, 5), len(path))
+        self.assertEqual(list(small[:6]), [ord(unit) for unit in "/vsi"] + [0, 0x2222])
 
-        self.assertEqual(flat.NorvaneCloud_CogGdalVirtualPath(self.client, None, small, 8), -1)
-        self.assertEqual(last_error(), "COG URL must use HTTP or HTTPS")
-        self.assertEqual(small[0], ord("/"))
-
-    def test_probes(self):
-        cog = json.loads(call_text(flat.NorvaneCloud_CogProbeJson, self.client,
-                                   utf16(SERVER + "/tiff/bigtiff-cog-le-ifd-at-16.tiff"), utf16("{}")))
-        self.assertEqual((cog["byteOrder"], cog["bigTiff"], cog["firstIfdOffset"], cog["cloudReadable"]),
-                         ("II", True, 16, True))
-        parquet = json.loads(call_text(flat.NorvaneCloud_GeoParquetProbeJson, self.client,
-                                       utf16(SERVER + "/parquet/geoparquet-point-wkb.parquet"), None))
-        self.assertTrue(parquet["headerValid"] and parquet["footerValid"])
+    def test_probes_headers_and_cache(self):
+        self.assertEqual(flat("SetHeadersJson")(self.client, utf16('{"Authorization": "Bearer flat"}')), 1)
+        cog = json.loads(call_text("CogProbeJson", self.client, utf16(SERVER + "/private/cog.tif"), utf16("{}")))
+        self.assertEqual((cog["byteOrder"], cog["bigTiff"], cog["firstIfdOffset"]), ("II", True, 16))
+        parquet = SERVER + "/parquet/geoparquet-point-wkb.parquet"
+        self.assertTrue(json.loads(call_text("GeoParquetProbeJson", self.client, utf16(parquet), None))["footerValid"])
         local = os.path.join(DATA_FOLDER, "pmtiles", "test-fixture-1-mvt-z0.pmtiles")
-        inspected = json.loads(call_text(flat.NorvaneCloud_PmTilesInspectJson, self.client, utf16(local), None))
-        self.assertFalse(inspected["remote"])
-        probed = json.loads(call_text(flat.NorvaneCloud_PmTilesProbeJson, self.client,
+        inspected = json.loads(call_text("PmTilesInspectJson", self.client, utf16(local), None))
+        probed = json.loads(call_text("PmTilesProbeJson", self.client,
                                       utf16(SERVER + "/pmtiles/test-fixture-1-mvt-z0.pmtiles"), None))
-        self.assertTrue(probed["remote"])
+        self.assertEqual((inspected["remote"], probed["remote"]), (False, True))
         self.assertEqual(probed["tileDataOffset"], inspected["tileDataOffset"])
 
-        statistics = json.loads(call_text(flat.NorvaneCloud_CacheStatisticsJson, self.client))
-        self.assertGreater(statistics["networkRequests"], 0)
-        self.assertEqual(flat.NorvaneCloud_ClearCache(self.client), 1)
-        statistics = json.loads(call_text(flat.NorvaneCloud_CacheStatisticsJson, self.client))
-        self.assertEqual((statistics["memoryBytes"], statistics["diskBytes"]), (0, 0))
-
-    def test_headers_are_checked_first(self):
-        self.assertEqual(flat.NorvaneCloud_SetHeadersJson(None, utf16("[]")), 0)
-        self.assertEqual(last_error(), "Cloud headers must be a JSON object")
-        self.assertEqual(flat.NorvaneCloud_SetHeadersJson(self.client, utf16('{"Authorization": "Bearer flat"}')), 1)
-        private = json.loads(call_text(flat.NorvaneCloud_CogProbeJson, self.client,
-                                       utf16(SERVER + "/private/cog.tif"), None))
-        self.assertTrue(private["cloudReadable"])
+        self.assertGreater(json.loads(call_text("CacheStatisticsJson", self.client))["networkRequests"], 0)
+        self.assertEqual(flat("ClearCache")(self.client), 1)
+        self.assertEqual(json.loads(call_text("CacheStatisticsJson", self.client))["memoryBytes"], 0)
 
     def test_stac(self):
-        catalog = utf16(SERVER + "/stac")
-        page = call_text(flat.NorvaneCloud_StacSearchJson, self.client, catalog, utf16('{"limit": 10.0}'))
-        self.assertTrue(page.startswith('{"items":['))
-        document = json.loads(page)
-        self.assertEqual(list(document), ["items", "matched", "nextBody", "nextMethod", "nextPage", "raw", "returned"])
-        self.assertEqual(len(document["items"]), 10)
-
-        layer = json.loads(call_text(flat.NorvaneCloud_StacResolveCogLayerJson, self.client, catalog, None,
-                                     utf16("image"), 9))
-        self.assertEqual(layer["itemId"], document["items"][9]["id"])
+        catalogue = utf16(SERVER + "/stac")
+        page = json.loads(call_text("StacSearchJson", self.client, catalogue, utf16('{"limit": 10.0}')))
+        self.assertEqual(len(page["items"]), 10)
+        layer = json.loads(call_text("StacResolveCogLayerJson", self.client, catalogue, None, utf16("image"), 9))
+        self.assertEqual(layer["itemId"], page["items"][9]["id"])
         self.assertEqual(layer["sourceUrl"], SERVER + "/tiff/bigtiff-cog-le-ifd-at-16.tiff")
-        self.assertEqual(layer["gdalVirtualPath"], "/vsicurl/" + layer["sourceUrl"])
-
-        for index in (-1, 10):
-            self.assertEqual(flat.NorvaneCloud_StacResolveCogLayerJson(self.client, catalog, None, None, index,
-                                                                       None, 0), -1)
-            self.assertEqual(last_error(), "STAC item index is out of range")
-
-    def test_last_error_is_per_thread(self):
-        flat.NorvaneCloud_ClearCache(None)
-        seen = []
-        thread = threading.Thread(target=lambda: seen.append(flat.NorvaneCloud_LastError(None, 0)))
-        thread.start()
-        thread.join()
-        self.assertEqual(seen, [0])
-        self.assertEqual(last_error(), "Cloud client is null")
+        self.assertEqual(flat("StacResolveCogLayerJson")(self.client, catalogue, None, None, 10, None, 0), -1)
+        self.assertEqual(last_error(), "STAC item index is out of range")
 
 
 if __name__ == "__main__":
