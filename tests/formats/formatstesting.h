@@ -1,7 +1,6 @@
 #pragma once
 
-// Small helpers shared by the format source tests and benchmarks: test data paths, caches that stay in memory,
-// the recorded tile tables of the generated COGs, and exception capture.
+// Helpers shared by the format source tests and benchmarks.
 
 #include <norvanecloud/formats.h>
 
@@ -35,17 +34,29 @@ inline std::shared_ptr<CloudRangeCache> memoryOnlyCache(const QString &folder)
     return std::make_shared<CloudRangeCache>(options);
 }
 
+inline CogByteRange byteRange(qint64 offset, qint64 length)
+{
+    CogByteRange range;
+    range.offset = offset;
+    range.length = length;
+    return range;
+}
+
+inline QByteArray rangeHeader(qint64 offset, qint64 length)
+{
+    return "bytes=" + QByteArray::number(offset) + '-' + QByteArray::number(offset + length - 1);
+}
+
 /// One tile of a generated COG as recorded in its ".tiles.tsv" table.
 struct CogTile {
     int ifd = 0;
-    int tile = 0;
     qint64 offset = 0;
     qint64 length = 0;
 };
 
-/// The tiles recorded beside a generated COG ("cogs/<name>.tif" reads "cogs/<name>.tiles.tsv"), all
-/// directories, in file order. Empty when the table is missing.
-inline QList<CogTile> recordedTiles(const QString &cogRelativePath)
+/// The tiles recorded beside a generated COG ("cogs/<name>.tif" reads "cogs/<name>.tiles.tsv") in file order, of
+/// one directory or (ifd -1) of all. Empty when the table is missing or malformed.
+inline QList<CogTile> recordedTiles(const QString &cogRelativePath, int ifd = -1)
 {
     QString tablePath = testDataPath(cogRelativePath);
     tablePath.chop(4);
@@ -60,24 +71,27 @@ inline QList<CogTile> recordedTiles(const QString &cogRelativePath)
         const QList<QByteArray> columns = line.split('\t');
         if (columns.size() != 8)
             return {};
-        CogTile tile;
-        tile.ifd = columns[0].toInt();
-        tile.tile = columns[5].toInt();
-        tile.offset = columns[6].toLongLong();
-        tile.length = columns[7].toLongLong();
-        tiles.append(tile);
+        const CogTile tile { columns[0].toInt(), columns[6].toLongLong(), columns[7].toLongLong() };
+        if (ifd < 0 || tile.ifd == ifd)
+            tiles.append(tile);
     }
     return tiles;
 }
 
 inline QList<CogTile> recordedTilesOfDirectory(const QString &cogRelativePath, int ifd)
 {
-    QList<CogTile> tiles;
-    for (const CogTile &tile : recordedTiles(cogRelativePath)) {
-        if (tile.ifd == ifd)
-            tiles.append(tile);
-    }
-    return tiles;
+    return recordedTiles(cogRelativePath, ifd);
+}
+
+/// A viewport over the given tiles, asked for in reverse file order (overviews before full resolution).
+inline CogViewportRequest viewportOfTiles(const QUrl &url, const QList<CogTile> &tiles, qint64 coalesceGap)
+{
+    CogViewportRequest request;
+    request.url = url;
+    request.coalesceGap = coalesceGap;
+    for (auto tile = tiles.crbegin(); tile != tiles.crend(); ++tile)
+        request.ranges.append(byteRange(tile->offset, tile->length));
+    return request;
 }
 
 /// The bytes of one requested range cut out of a viewport result the way a caller does it: from the response that
@@ -91,8 +105,18 @@ inline QByteArray cutRange(const CogViewportResult &result, qint64 offset, qint6
     return {};
 }
 
-/// The what() text of the exception of type Exception that call throws; "(no exception)" when it returns and
-/// "(other exception)" for any other exception.
+/// The Range headers of the GET requests a loopback server logged (only those for path unless it is empty).
+template <typename Server> QList<QByteArray> rangesOfGets(const Server &server, const QString &path = QString())
+{
+    QList<QByteArray> ranges;
+    for (const auto &request : server.requests()) {
+        if (request.method == "GET" && (path.isEmpty() || request.path == path))
+            ranges.append(request.header("Range"));
+    }
+    return ranges;
+}
+
+/// The what() text of the Exception that call throws, "(no exception)" or "(other exception)".
 template <typename Exception> QByteArray thrownMessage(const std::function<void()> &call)
 {
     try {

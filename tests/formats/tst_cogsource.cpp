@@ -17,67 +17,36 @@ using namespace Norvane::Core::Operations;
 namespace {
 
 const QString jpegCog = QStringLiteral("cogs/cog-le-jpeg-1024-64tiles.tif");
-const QByteArray readerComponent = QByteArrayLiteral("Norvane.Cloud.HttpRangeReader");
-const QByteArray cogComponent = QByteArrayLiteral("Norvane.Cloud.CogSource");
+const QString jpegPath = QLatin1Char('/') + jpegCog;
 
-// One call the viewport made on its context, as the installed policy and progress sink saw it.
-struct ContextEvent {
-    QByteArray kind; // "enforce" or "progress"
-    QByteArray component;
-    QString resource;
-    qint64 bytes = 0;
-    OperationProgress progress;
-};
+QString progressText(
+    int state, int percent, qint64 completed, qint64 total, const QString &message, const QString &details)
+{
+    return QStringLiteral("progress %1 %2% %3/%4 ").arg(state).arg(percent).arg(completed).arg(total) + message
+        + QStringLiteral(" {") + details + QLatin1Char('}');
+}
 
+// Every enforcement and progress report of a context, one line each, details with their value types.
 struct ContextRecorder {
-    QList<ContextEvent> events;
+    QStringList events;
 
     void install(OperationContext &context)
     {
         context.resourcePolicy
             = [this](const OperationResourceUsage &usage, const QString &component, const QString &resource) {
-                  ContextEvent event;
-                  event.kind = "enforce";
-                  event.component = component.toUtf8();
-                  event.resource = resource;
-                  event.bytes = usage.bytes;
-                  events.append(event);
+                  events.append(QStringLiteral("enforce %1 %2 %3").arg(component).arg(usage.bytes).arg(resource));
                   return OperationResourcePolicyDecision();
               };
         context.progressSink = [this](const OperationProgress &progress) {
-            ContextEvent event;
-            event.kind = "progress";
-            event.progress = progress;
-            events.append(event);
+            QStringList details;
+            for (auto item = progress.details.cbegin(); item != progress.details.cend(); ++item)
+                details.append(item.key() + QLatin1Char('=') + QLatin1String(item.value().typeName()) + QLatin1Char(':')
+                    + item.value().toString());
+            events.append(progressText(progress.state, progress.percent, progress.completed, progress.total,
+                progress.message, details.join(QLatin1Char(' '))));
         };
     }
 };
-
-CogByteRange byteRange(qint64 offset, qint64 length)
-{
-    CogByteRange range;
-    range.offset = offset;
-    range.length = length;
-    return range;
-}
-
-QList<QByteArray> rangeHeadersOfGets(const LoopbackHttpServer &server, const QString &path)
-{
-    QList<QByteArray> ranges;
-    for (const LoopbackRequest &request : server.requests()) {
-        if (request.method == "GET" && request.path == path)
-            ranges.append(request.header("Range"));
-    }
-    return ranges;
-}
-
-int getCount(const LoopbackHttpServer &server)
-{
-    int count = 0;
-    for (const LoopbackRequest &request : server.requests())
-        count += request.method == "GET" ? 1 : 0;
-    return count;
-}
 
 QByteArray classicHeader(quint32 firstIfd)
 {
@@ -87,9 +56,12 @@ QByteArray classicHeader(quint32 firstIfd)
     return bytes + QByteArray(8, '\0');
 }
 
+using RequestSetup = std::function<void(CogViewportRequest &)>;
+
 } // namespace
 
 Q_DECLARE_METATYPE(RouteBehaviour)
+Q_DECLARE_METATYPE(RequestSetup)
 
 class CogSourceTest : public QObject {
     Q_OBJECT
@@ -98,12 +70,26 @@ class CogSourceTest : public QObject {
     LoopbackHttpServer server;
     std::unique_ptr<CogSource> source;
 
+    CogViewportRequest viewport(
+        const QList<CogByteRange> &ranges, qint64 coalesceGap = 0, const QString &path = jpegPath)
+    {
+        CogViewportRequest request;
+        request.url = server.url(path);
+        request.ranges = ranges;
+        request.coalesceGap = coalesceGap;
+        return request;
+    }
+
 private slots:
     void initTestCase()
     {
         QVERIFY(cacheFolder.isValid());
         QVERIFY2(server.start(), qPrintable(server.errorString()));
         server.serveDirectory(QStringLiteral(NORVANE_TEST_DATA_DIR));
+        server.serveBytes(QStringLiteral("/lying.tif"), testDataBytes(jpegCog));
+        RouteBehaviour lie;
+        lie.contentRange = QByteArrayLiteral("bytes 1000-1009/145183");
+        server.setBehaviour(QStringLiteral("/lying.tif"), lie);
     }
 
     void init()
@@ -115,73 +101,15 @@ private slots:
 
     void cleanupTestCase() { server.stop(); }
 
-    void probeReadsTheInspectionAndSixteenBytes_data()
-    {
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<QByteArray>("byteOrder");
-        QTest::addColumn<bool>("bigTiff");
-        QTest::addColumn<qint64>("firstIfdOffset");
-        QTest::addColumn<bool>("nearStart");
-
-        QTest::newRow("LE classic COG") << "tiff/cog-ghost-header-deflate-2ifd.tif" << QByteArray("II") << false
-                                        << qint64(192) << true;
-        QTest::newRow("MM classic") << "tiff/bigendian-mm-zstd-ifd-at-8.tiff" << QByteArray("MM") << false << qint64(8)
-                                    << true;
-        QTest::newRow("LE BigTIFF") << "tiff/bigtiff-cog-le-ifd-at-16.tiff" << QByteArray("II") << true << qint64(16)
-                                    << true;
-        QTest::newRow("IFD at the end") << "tiff/geotiff-float32-dem-ifd-at-end.tif" << QByteArray("II") << false
-                                        << qint64(61942) << false;
-        QTest::newRow("MM BigTIFF") << "cogs/cog-bigtiff-be-deflate-overviews.tif" << QByteArray("MM") << true
-                                    << qint64(200) << true;
-    }
-
-    void probeReadsTheInspectionAndSixteenBytes()
-    {
-        QFETCH(QString, file);
-        const QString path = QLatin1Char('/') + file;
-        const QHash<QByteArray, QByteArray> headers { { "X-Probe-Token", "t1" } };
-
-        const CogProbeResult result = source->probe(server.url(path), headers);
-
-        QCOMPARE(result.url, server.url(path));
-        QCOMPARE(result.contentLength, QFileInfo(testDataPath(file)).size());
-        QTEST(result.byteOrder, "byteOrder");
-        QTEST(result.bigTiff, "bigTiff");
-        QTEST(result.firstIfdOffset, "firstIfdOffset");
-        QTEST(result.firstIfdNearStart, "nearStart");
-        QVERIFY(!result.etag.isEmpty());
-        QCOMPARE(result.contentType, LoopbackHttpServer::contentTypeFor(file));
-        QVERIFY(result.acceptsRanges);
-        QVERIFY(result.tiffHeaderValid);
-        QVERIFY(result.cloudReadable);
-        QCOMPARE(result.diagnostic,
-            QLatin1String(
-                result.firstIfdNearStart ? FormatsMessages::tiffFirstIfdNear : FormatsMessages::tiffFirstIfdFar));
-
-        const QList<LoopbackRequest> requests = server.requests();
-        QCOMPARE(requests.size(), 2);
-        QCOMPARE(requests[0].method, QByteArray("HEAD"));
-        QCOMPARE(requests[1].method, QByteArray("GET"));
-        QCOMPARE(requests[1].header("Range"), QByteArray("bytes=0-15"));
-        for (const LoopbackRequest &request : requests) {
-            QCOMPARE(request.path, path);
-            QCOMPARE(request.header("X-Probe-Token"), QByteArray("t1"));
-        }
-    }
-
-    // The header rules themselves are pinned on bytes alone; these pin what the server's side contributes.
+    // One inspection and one 16-byte read, both with the caller's headers. The header rules are pinned on bytes
+    // alone; these pin what the server contributes, and that read failures propagate with no result.
     void probeOfServedObjects_data()
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<RouteBehaviour>("behaviour");
-        QTest::addColumn<bool>("acceptsRanges");
-        QTest::addColumn<qint64>("contentLength");
-        QTest::addColumn<bool>("cloudReadable");
-        QTest::addColumn<QString>("diagnostic");
+        QTest::addColumn<QString>("outcome");
 
         const QByteArray nearHeader = classicHeader(8) + QByteArray(200, 'p');
-        const QByteArray farHeader = classicHeader(20000) + QByteArray(30000, 'p');
-        RouteBehaviour normal;
         RouteBehaviour noRanges;
         noRanges.acceptRanges.reset();
         RouteBehaviour noLength;
@@ -189,26 +117,18 @@ private slots:
         RouteBehaviour wholeObject;
         wholeObject.ignoreRange = true;
 
-        QTest::newRow("near header") << nearHeader << normal << true << qint64(nearHeader.size()) << true
-                                     << QString::fromLatin1(FormatsMessages::tiffFirstIfdNear);
-        QTest::newRow("server without ranges") << nearHeader << noRanges << false << qint64(nearHeader.size()) << false
-                                               << QString::fromLatin1(FormatsMessages::rangesNotAdvertised);
-
-        QTest::newRow("unknown length bounds nothing")
-            << classicHeader(40000) + QByteArray(100, 'p') << noLength << true << qint64(-1) << true
-            << QString::fromLatin1(FormatsMessages::tiffFirstIfdFar);
-        QTest::newRow("IFD beyond the object")
-            << classicHeader(500) + QByteArray(100, 'p') << normal << true << qint64(116) << false
-            << QString::fromLatin1(FormatsMessages::tiffFirstIfdNear);
-        QTest::newRow("far IFD inside the object") << farHeader << normal << true << qint64(farHeader.size()) << true
-                                                   << QString::fromLatin1(FormatsMessages::tiffFirstIfdFar);
-        QTest::newRow("whole object answered with 200")
-            << nearHeader << wholeObject << true << qint64(nearHeader.size()) << true
-            << QString::fromLatin1(FormatsMessages::tiffFirstIfdNear);
-        QTest::newRow("PNG") << QByteArray("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\0\x10", 20) << normal << true
-                             << qint64(20) << false << QString::fromLatin1(FormatsMessages::tiffByteOrderInvalid);
-        QTest::newRow("ZIP") << QByteArray("PK\x03\x04\x14\0\0\0\x08\0\0\0\0\0\0\0\0\0", 18) << normal << true
-                             << qint64(18) << false << QString::fromLatin1(FormatsMessages::tiffByteOrderInvalid);
+        const auto row = [](const char *name, const QByteArray &content, const RouteBehaviour &behaviour,
+                             const char *facts, const char *sentence) {
+            QTest::newRow(name) << content << behaviour << QString::fromLatin1(facts) + QLatin1String(sentence);
+        };
+        row("server without ranges", nearHeader, noRanges,
+            "no ranges, 216, not readable: ", FormatsMessages::rangesNotAdvertised);
+        row("unknown length bounds nothing", classicHeader(40000), noLength,
+            "ranges, -1, readable: ", FormatsMessages::tiffFirstIfdFar);
+        row("whole object answered with 200", nearHeader, wholeObject,
+            "ranges, 216, readable: ", FormatsMessages::tiffFirstIfdNear);
+        row("shorter than the header", nearHeader.left(10), {},
+            "throws: ", "HTTP Content-Range does not match the requested byte range");
     }
 
     void probeOfServedObjects()
@@ -219,359 +139,200 @@ private slots:
         server.serveBytes(path, content, "image/tiff");
         server.setBehaviour(path, behaviour);
 
-        const CogProbeResult result = source->probe(server.url(path), {});
-
-        QTEST(result.acceptsRanges, "acceptsRanges");
-        QTEST(result.contentLength, "contentLength");
-        QTEST(result.cloudReadable, "cloudReadable");
-        QTEST(result.diagnostic, "diagnostic");
-        QCOMPARE(result.contentType, QByteArray("image/tiff"));
-        QVERIFY(rangeHeadersOfGets(server, path).contains("bytes=0-15"));
-    }
-
-    // Shorter than the header: the range read fails, the probe gives no diagnostic.
-    void objectShorterThanTheHeaderFailsInTheRead()
-    {
-        const QByteArray tenBytes = classicHeader(8).left(10);
-        server.serveBytes(QStringLiteral("/short.tif"), tenBytes);
-        QCOMPARE(
-            thrownMessage<std::runtime_error>([&] { source->probe(server.url(QStringLiteral("/short.tif")), {}); }),
-            QByteArray("HTTP Content-Range does not match the requested byte range"));
-
-        RouteBehaviour wholeObject;
-        wholeObject.ignoreRange = true;
-        server.serveBytes(QStringLiteral("/short-200.tif"), tenBytes);
-        server.setBehaviour(QStringLiteral("/short-200.tif"), wholeObject);
-        QCOMPARE(
-            thrownMessage<std::runtime_error>([&] { source->probe(server.url(QStringLiteral("/short-200.tif")), {}); }),
-            QByteArray("HTTP range returned 10 bytes; expected 16"));
+        QString outcome;
+        try {
+            const CogProbeResult result = source->probe(server.url(path), { { "X-Probe-Token", "t1" } });
+            outcome = QStringLiteral("%1, %2, %3: %4")
+                          .arg(result.acceptsRanges ? "ranges" : "no ranges")
+                          .arg(result.contentLength)
+                          .arg(result.cloudReadable ? "readable" : "not readable", result.diagnostic);
+            QCOMPARE(result.contentType, QByteArray("image/tiff"));
+        } catch (const std::runtime_error &error) {
+            outcome = QStringLiteral("throws: ") + QLatin1String(error.what());
+        }
+        QTEST(outcome, "outcome");
+        QCOMPARE(server.requests().first().method, QByteArray("HEAD"));
+        // Qt may send a GET again when the server closed the connection after an answer without a length.
+        const QList<QByteArray> reads = rangesOfGets(server, path);
+        QVERIFY(!reads.isEmpty() && reads.count("bytes=0-15") == reads.size());
+        for (const LoopbackRequest &request : server.requests())
+            QCOMPARE(request.header("X-Probe-Token"), QByteArray("t1"));
     }
 
     void probeFollowsRedirectsAndReadsAtTheFinalUrl()
     {
+        const QString target = QStringLiteral("/tiff/bigtiff-cog-le-ifd-at-16.tiff");
         RouteBehaviour redirect;
         redirect.redirectStatus = 302;
-        redirect.redirectLocation = server.url(QStringLiteral("/tiff/bigtiff-cog-le-ifd-at-16.tiff")).toEncoded();
-        // Closing after the redirect: on a kept-alive connection Qt 6.4 sometimes sends the redirected request twice
-        // and merges both answers' headers into the final reply ("Content-Length: 0, 1361").
-        redirect.extraHeaders = { { "Connection", "close" } };
+        redirect.redirectLocation = server.url(target).toEncoded();
         server.setBehaviour(QStringLiteral("/moved.tif"), redirect);
 
         const CogProbeResult result = source->probe(server.url(QStringLiteral("/moved.tif")), {});
 
-        QCOMPARE(result.url, server.url(QStringLiteral("/tiff/bigtiff-cog-le-ifd-at-16.tiff")));
-        QVERIFY(result.bigTiff);
+        QCOMPARE(result.url, server.url(target));
         QCOMPARE(result.firstIfdOffset, qint64(16));
-        QCOMPARE(rangeHeadersOfGets(server, QStringLiteral("/moved.tif")), QList<QByteArray>());
-        QCOMPARE(rangeHeadersOfGets(server, QStringLiteral("/tiff/bigtiff-cog-le-ifd-at-16.tiff")),
-            QList<QByteArray> { "bytes=0-15" });
+        QCOMPARE(rangesOfGets(server, QStringLiteral("/moved.tif")), QList<QByteArray>());
+        QCOMPARE(rangesOfGets(server, target), QList<QByteArray> { "bytes=0-15" });
     }
 
-    void repeatedProbeSendsOnlyTheInspection()
-    {
-        const QUrl url = server.url(QStringLiteral("/tiff/geotiff-strip-51px-ifd-at-8.tif"));
-        const CogProbeResult first = source->probe(url, {});
-        const CogProbeResult second = source->probe(url, {});
-        QCOMPARE(second.diagnostic, first.diagnostic);
-        QCOMPARE(second.firstIfdOffset, qint64(8));
-        QCOMPARE(server.requestCount(), 3);
-        QCOMPARE(getCount(server), 1);
-    }
-
-    void probeFailuresPropagate()
-    {
-        QCOMPARE(thrownMessage<std::invalid_argument>([&] { source->probe(QUrl(), {}); }),
-            QByteArray("Cloud URL is invalid"));
-        const QByteArray missing = thrownMessage<std::runtime_error>(
-            [&] { source->probe(server.url(QStringLiteral("/tiff/missing.tif")), {}); });
-        QVERIFY2(missing.startsWith("HTTP request failed (404)"), missing.constData());
-        QCOMPARE(getCount(server), 0);
-    }
-
-    void invalidViewportRequests_data()
-    {
-        QTest::addColumn<QUrl>("url");
-        QTest::addColumn<QList<CogByteRange>>("ranges");
-        QTest::addColumn<qint64>("coalesceGap");
-        QTest::addColumn<QByteArray>("message");
-        QTest::addColumn<int>("enforcements");
-
-        const QUrl good = QUrl(QStringLiteral("http://127.0.0.1:1/a.tif"));
-        const QList<CogByteRange> one { byteRange(0, 10) };
-        const qint64 largest = std::numeric_limits<qint64>::max();
-        QTest::newRow("empty URL") << QUrl() << one << qint64(0) << QByteArray(FormatsMessages::viewportUrlInvalid)
-                                   << 0;
-        QTest::newRow("URL without scheme") << QUrl(QStringLiteral("cogs/a.tif")) << one << qint64(0)
-                                            << QByteArray(FormatsMessages::viewportUrlInvalid) << 0;
-        QTest::newRow("invalid URL") << QUrl(QStringLiteral("http://[::1")) << one << qint64(0)
-                                     << QByteArray(FormatsMessages::viewportUrlInvalid) << 0;
-        QTest::newRow("URL outranks ranges")
-            << QUrl() << QList<CogByteRange>() << qint64(-1) << QByteArray(FormatsMessages::viewportUrlInvalid) << 0;
-        QTest::newRow("no ranges") << good << QList<CogByteRange>() << qint64(0)
-                                   << QByteArray(FormatsMessages::viewportNoRanges) << 0;
-        QTest::newRow("no ranges outranks the gap")
-            << good << QList<CogByteRange>() << qint64(-1) << QByteArray(FormatsMessages::viewportNoRanges) << 0;
-        QTest::newRow("negative gap") << good << one << qint64(-1) << QByteArray(FormatsMessages::viewportGapNegative)
-                                      << 0;
-        QTest::newRow("gap outranks a bad range") << good << QList<CogByteRange> { byteRange(0, 0) } << qint64(-1)
-                                                  << QByteArray(FormatsMessages::viewportGapNegative) << 0;
-        // The range check comes after the first enforcement.
-        QTest::newRow("zero length") << good << QList<CogByteRange> { byteRange(0, 10), byteRange(5, 0) } << qint64(0)
-                                     << QByteArray(FormatsMessages::viewportRangeInvalid) << 1;
-        QTest::newRow("offset at the largest value")
-            << good << QList<CogByteRange> { byteRange(largest, 1) } << qint64(0)
-            << QByteArray(FormatsMessages::viewportRangeInvalid) << 1;
-        QTest::newRow("negative offset") << good << QList<CogByteRange> { byteRange(-1, 1) } << qint64(0)
-                                         << QByteArray(FormatsMessages::viewportRangeInvalid) << 1;
-    }
-
-    void invalidViewportRequests()
-    {
-        QFETCH(QUrl, url);
-        QFETCH(QList<CogByteRange>, ranges);
-        QFETCH(qint64, coalesceGap);
-        QFETCH(QByteArray, message);
-        QFETCH(int, enforcements);
-
-        CogViewportRequest request;
-        request.url = url;
-        request.ranges = ranges;
-        request.coalesceGap = coalesceGap;
-        ContextRecorder recorder;
-        recorder.install(request.context);
-
-        QCOMPARE(thrownMessage<std::invalid_argument>([&] { source->readViewport(request); }), message);
-        QCOMPARE(recorder.events.size(), enforcements);
-        QCOMPARE(server.requestCount(), 0);
-    }
-
-    // Two enforcements, one progress report, then per merged range the read (with its own enforcement through
-    // the shared policy) and a progress report, and the final report.
+    // Two enforcements, one progress report, per merged range the read (its own enforcement goes to the same
+    // policy) and a report, then the final report. Reads go out in ascending order with the request's headers.
     void viewportCallsTheContextInOrder()
     {
-        const QList<CogTile> tiles = recordedTilesOfDirectory(jpegCog, 1);
+        const QList<CogTile> tiles = recordedTiles(jpegCog, 1);
         QCOMPARE(tiles.size(), 16);
-        CogViewportRequest request;
-        request.url = server.url(QLatin1Char('/') + jpegCog);
-        request.ranges = { byteRange(tiles[10].offset, tiles[10].length), byteRange(tiles[0].offset, tiles[0].length),
-            byteRange(tiles[5].offset, tiles[5].length) };
+        CogViewportRequest request = viewport({ byteRange(tiles[10].offset, tiles[10].length),
+            byteRange(tiles[0].offset, tiles[0].length), byteRange(tiles[5].offset, tiles[5].length) });
         request.headers = { { "X-Viewport", "v7" } };
         request.overviewLevel = 1;
-        request.coalesceGap = 0;
         ContextRecorder recorder;
         recorder.install(request.context);
 
         const CogViewportResult result = source->readViewport(request);
 
-        QCOMPARE(result.coalescedRanges, 3);
+        const QString url = request.url.toString();
+        const QString reading = QStringLiteral("Reading COG viewport");
         const qint64 total = tiles[0].length + tiles[5].length + tiles[10].length;
-        const QList<ContextEvent> &events = recorder.events;
-        QCOMPARE(events.size(), 3 + 2 * 3 + 1);
-
-        QCOMPARE(events[0].kind, QByteArray("enforce"));
-        QCOMPARE(events[0].component, cogComponent);
-        QCOMPARE(events[0].bytes, qint64(0));
-        QCOMPARE(events[0].resource, request.url.toString());
-        QCOMPARE(events[1].kind, QByteArray("enforce"));
-        QCOMPARE(events[1].component, cogComponent);
-        QCOMPARE(events[1].bytes, total);
-        QCOMPARE(events[1].resource, request.url.toString());
-
-        const OperationProgress &start = events[2].progress;
-        QCOMPARE(events[2].kind, QByteArray("progress"));
-        QCOMPARE(start.state, 2);
-        QCOMPARE(start.percent, 0);
-        QCOMPARE(start.completed, qint64(0));
-        QCOMPARE(start.total, total);
-        QCOMPARE(start.message, QStringLiteral("Reading COG viewport"));
-        QCOMPARE(start.details.size(), 2);
-        QCOMPARE(start.details.value(QStringLiteral("overviewLevel")).typeId(), QMetaType::Int);
-        QCOMPARE(start.details.value(QStringLiteral("overviewLevel")).toInt(), 1);
-        QCOMPARE(start.details.value(QStringLiteral("rangeCount")).typeId(), QMetaType::LongLong);
-        QCOMPARE(start.details.value(QStringLiteral("rangeCount")).toLongLong(), qint64(3));
-
-        const QList<qint64> lengths { tiles[0].length, tiles[5].length, tiles[10].length };
+        QStringList expected {
+            QStringLiteral("enforce Norvane.Cloud.CogSource 0 ") + url,
+            QStringLiteral("enforce Norvane.Cloud.CogSource %1 ").arg(total) + url,
+            progressText(2, 0, 0, total, reading, QStringLiteral("overviewLevel=int:1 rangeCount=qlonglong:3")),
+        };
+        QList<QByteArray> ranges;
         qint64 completed = 0;
-        for (int index = 0; index < 3; ++index) {
-            const ContextEvent &read = events[3 + 2 * index];
-            QCOMPARE(read.kind, QByteArray("enforce"));
-            QCOMPARE(read.component, readerComponent);
-            QCOMPARE(read.bytes, lengths[index]);
-
-            completed += lengths[index];
-            const ContextEvent &after = events[4 + 2 * index];
-            QCOMPARE(after.kind, QByteArray("progress"));
-            QCOMPARE(after.progress.state, 2);
-            QCOMPARE(after.progress.percent, int(std::min<qint64>(99, completed * 100 / total)));
-            QCOMPARE(after.progress.completed, completed);
-            QCOMPARE(after.progress.total, total);
-            QCOMPARE(after.progress.message, QStringLiteral("Reading COG viewport"));
-            const QVariantMap details { { QStringLiteral("overviewLevel"), 1 }, { QStringLiteral("cacheHits"), 0 } };
-            QCOMPARE(after.progress.details, details);
+        for (const int index : { 0, 5, 10 }) {
+            completed += tiles[index].length;
+            expected << QStringLiteral("enforce Norvane.Cloud.HttpRangeReader %1 ").arg(tiles[index].length) + url
+                     << progressText(2, int(std::min<qint64>(99, completed * 100 / total)), completed, total, reading,
+                            QStringLiteral("cacheHits=int:0 overviewLevel=int:1"));
+            ranges.append(rangeHeader(tiles[index].offset, tiles[index].length));
         }
-        QCOMPARE(events[8].progress.percent, 99);
+        expected << progressText(4, 100, total, total, QStringLiteral("COG viewport ready"),
+            QStringLiteral("cacheHits=int:0 coalescedRanges=int:3 overviewLevel=int:1 requestedRanges=int:3"));
+        QCOMPARE(recorder.events, expected);
+        QVERIFY(recorder.events[8].contains(QLatin1String(" 99% "))); // all read, but not yet reported done
 
-        const OperationProgress &done = events.last().progress;
-        QCOMPARE(events.last().kind, QByteArray("progress"));
-        QCOMPARE(done.state, 4);
-        QCOMPARE(done.percent, 100);
-        QCOMPARE(done.completed, total);
-        QCOMPARE(done.total, total);
-        QCOMPARE(done.message, QStringLiteral("COG viewport ready"));
-        const QVariantMap doneDetails { { QStringLiteral("overviewLevel"), 1 },
-            { QStringLiteral("requestedRanges"), 3 }, { QStringLiteral("coalescedRanges"), 3 },
-            { QStringLiteral("cacheHits"), 0 } };
-        QCOMPARE(done.details, doneDetails);
-        for (const QString &key : doneDetails.keys())
-            QCOMPARE(done.details.value(key).typeId(), QMetaType::Int);
-
-        // Reads go out in ascending order, each with the request's headers.
-        QCOMPARE(rangeHeadersOfGets(server, QLatin1Char('/') + jpegCog),
-            (QList<QByteArray> {
-                "bytes=" + QByteArray::number(tiles[0].offset) + '-'
-                    + QByteArray::number(tiles[0].offset + tiles[0].length - 1),
-                "bytes=" + QByteArray::number(tiles[5].offset) + '-'
-                    + QByteArray::number(tiles[5].offset + tiles[5].length - 1),
-                "bytes=" + QByteArray::number(tiles[10].offset) + '-'
-                    + QByteArray::number(tiles[10].offset + tiles[10].length - 1),
-            }));
+        QCOMPARE(result.coalescedRanges, 3);
+        QCOMPARE(rangesOfGets(server, jpegPath), ranges);
         for (const LoopbackRequest &logged : server.requests())
             QCOMPARE(logged.header("X-Viewport"), QByteArray("v7"));
     }
 
-    // All 64 full-resolution tiles, asked for in descending order: few reads, and every tile cut out of them equals
-    // the tile's bytes in the file.
-    void viewportTilesMatchTheFile_data()
-    {
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<int>("ifd");
-        QTest::addColumn<qint64>("coalesceGap");
-
-        QTest::newRow("LE JPEG, 64 tiles, default gap") << jpegCog << 0 << qint64(4096);
-        QTest::newRow("LE JPEG, 64 tiles, gap 0") << jpegCog << 0 << qint64(0);
-        QTest::newRow("BE BigTIFF, all levels, gap 0")
-            << "cogs/cog-bigtiff-be-deflate-overviews.tif" << -1 << qint64(0);
-        QTest::newRow("BE classic, overview 1") << "cogs/cog-be-deflate-overviews.tif" << 1 << qint64(100);
-    }
-
+    // All tiles of all levels asked for in reverse order: every tile cut out of the reads equals its bytes in the
+    // file. A second identical viewport is served from the cache and makes no request.
     void viewportTilesMatchTheFile()
     {
-        QFETCH(QString, file);
-        QFETCH(int, ifd);
-        QFETCH(qint64, coalesceGap);
-        const QList<CogTile> tiles = ifd < 0 ? recordedTiles(file) : recordedTilesOfDirectory(file, ifd);
+        const QString file = QStringLiteral("cogs/cog-bigtiff-be-deflate-overviews.tif");
+        const QList<CogTile> tiles = recordedTiles(file);
         QVERIFY(!tiles.isEmpty());
         const QByteArray fileBytes = testDataBytes(file);
-
-        CogViewportRequest request;
-        request.url = server.url(QLatin1Char('/') + file);
-        request.coalesceGap = coalesceGap;
-        request.overviewLevel = ifd;
-        qint64 requestedBytes = 0;
-        for (auto tile = tiles.crbegin(); tile != tiles.crend(); ++tile) {
-            request.ranges.append(byteRange(tile->offset, tile->length));
-            requestedBytes += tile->length;
-        }
+        CogViewportRequest request = viewportOfTiles(server.url(QLatin1Char('/') + file), tiles, 0);
+        request.overviewLevel = 2;
 
         const CogViewportResult result = source->readViewport(request);
 
+        qint64 requestedBytes = 0;
+        for (const CogTile &tile : tiles) {
+            QCOMPARE(cutRange(result, tile.offset, tile.length), fileBytes.mid(tile.offset, tile.length));
+            requestedBytes += tile.length;
+        }
         QCOMPARE(result.requestedRanges, tiles.size());
         QCOMPARE(result.requestedBytes, requestedBytes);
-        QCOMPARE(result.overviewLevel, ifd);
-        QCOMPARE(result.responses.size(), result.coalescedRanges);
-        QVERIFY(result.coalescedRanges <= result.requestedRanges);
+        QCOMPARE(result.overviewLevel, 2);
         QCOMPARE(result.cacheHits, 0);
-        QCOMPARE(getCount(server), result.coalescedRanges);
-        qint64 bytesRead = 0;
-        for (int index = 0; index < result.responses.size(); ++index) {
-            const CloudRangeResponse &response = result.responses[index];
-            if (index > 0)
-                QVERIFY(response.offset - (result.responses[index - 1].offset + result.responses[index - 1].data.size())
-                    > coalesceGap);
-            QCOMPARE(response.data, fileBytes.mid(response.offset, response.data.size()));
-            bytesRead += response.data.size();
-        }
-        QCOMPARE(result.bytesRead, bytesRead);
-        for (const CogTile &tile : tiles)
-            QCOMPARE(cutRange(result, tile.offset, tile.length), fileBytes.mid(tile.offset, tile.length));
+        QCOMPARE(int(rangesOfGets(server, request.url.path()).size()), result.coalescedRanges);
+        QVERIFY(std::is_sorted(result.responses.cbegin(), result.responses.cend(),
+            [](const CloudRangeResponse &left, const CloudRangeResponse &right) {
+                return left.offset < right.offset;
+            }));
+
+        server.clearRequests();
+        ContextRecorder recorder;
+        recorder.install(request.context);
+        const CogViewportResult again = source->readViewport(request);
+        QCOMPARE(again.cacheHits, result.coalescedRanges);
+        QCOMPARE(again.bytesRead, result.bytesRead);
+        QCOMPARE(server.requestCount(request.url.path()), 0);
+        QVERIFY(recorder.events.last().contains(QStringLiteral("cacheHits=int:%1").arg(result.coalescedRanges)));
     }
 
-    void coalescingSavesRequestsOnRealTiles()
+    // GDAL writes a 4-byte leader and trailer around each tile, so neighbouring tiles are 8 bytes apart.
+    void coalesceGapOnRealTiles()
     {
-        // GDAL writes a 4-byte leader and trailer around each tile, so neighbouring tiles are 8 bytes apart.
-        CogViewportRequest request;
-        request.url = server.url(QLatin1Char('/') + jpegCog);
-        for (const CogTile &tile : recordedTilesOfDirectory(jpegCog, 0))
-            request.ranges.append(byteRange(tile.offset, tile.length));
-        request.coalesceGap = 8;
+        CogViewportRequest request = viewportOfTiles(server.url(jpegPath), recordedTiles(jpegCog, 0), 8);
         QCOMPARE(source->readViewport(request).coalescedRanges, 1);
         request.coalesceGap = 7;
         QCOMPARE(source->readViewport(request).coalescedRanges, 64);
     }
 
-    void secondIdenticalViewportIsServedFromTheCache()
+    // Each way a viewport ends early, and the reads it made before. Refusing the first enforcement shows which
+    // checks come before it: the three request checks, in this order; the range check comes after it.
+    void viewportStopsEarly_data()
     {
-        CogViewportRequest request;
-        request.url = server.url(QLatin1Char('/') + jpegCog);
-        const QList<CogTile> tiles = recordedTilesOfDirectory(jpegCog, 1);
-        for (int index = 0; index < tiles.size(); index += 3)
-            request.ranges.append(byteRange(tiles[index].offset, tiles[index].length));
-        request.coalesceGap = 0;
+        QTest::addColumn<RequestSetup>("setup");
+        QTest::addColumn<int>("refusedEnforcement");
+        QTest::addColumn<QByteArray>("message");
+        QTest::addColumn<QList<QByteArray>>("reads");
 
-        const CogViewportResult first = source->readViewport(request);
-        const int requestsAfterFirst = server.requestCount();
-        ContextRecorder recorder;
-        recorder.install(request.context);
-        const CogViewportResult second = source->readViewport(request);
-
-        QCOMPARE(first.cacheHits, 0);
-        QCOMPARE(second.coalescedRanges, first.coalescedRanges);
-        QCOMPARE(second.cacheHits, second.coalescedRanges);
-        QCOMPARE(server.requestCount(), requestsAfterFirst);
-        for (int index = 0; index < second.responses.size(); ++index) {
-            QVERIFY(second.responses[index].fromCache);
-            QCOMPARE(second.responses[index].data, first.responses[index].data);
-        }
-        QCOMPARE(
-            recorder.events.last().progress.details.value(QStringLiteral("cacheHits")).toInt(), second.coalescedRanges);
-    }
-
-    void cancellationBeforeTheFirstReadMakesNoRequest()
-    {
-        CogViewportRequest request;
-        request.url = server.url(QLatin1Char('/') + jpegCog);
-        request.ranges = { byteRange(1000, 10) };
-        ContextRecorder recorder;
-        recorder.install(request.context);
-        request.context.cancellationToken.requestCancellation();
-
-        QCOMPARE(thrownMessage<std::runtime_error>([&] { source->readViewport(request); }),
-            QByteArray(FormatsMessages::viewportCancelled));
-        QCOMPARE(server.requestCount(), 0);
-        QCOMPARE(recorder.events.size(), 3);
-        QCOMPARE(recorder.events[2].kind, QByteArray("progress"));
-        QCOMPARE(recorder.events[2].progress.percent, 0);
-    }
-
-    void cancellationIsTestedBeforeEveryRead()
-    {
-        CogViewportRequest request;
-        request.url = server.url(QLatin1Char('/') + jpegCog);
-        request.ranges = { byteRange(1000, 10), byteRange(5000, 10), byteRange(9000, 10) };
-        request.coalesceGap = 0;
-        const OperationCancellationToken token = request.context.cancellationToken;
-        int reports = 0;
-        // Cancel while reporting the first finished read: the second read must not start.
-        request.context.progressSink = [&](const OperationProgress &progress) {
-            if (++reports == 2) {
-                QCOMPARE(progress.completed, qint64(10));
-                token.requestCancellation();
-            }
+        const auto row = [](const char *name, const RequestSetup &setup, int refused, const char *message,
+                             const QList<QByteArray> &reads = {}) {
+            QTest::newRow(name) << setup << refused << QByteArray(message) << reads;
         };
+        const RequestSetup unchanged = [](CogViewportRequest &) {};
+        const auto changed = [](const QUrl &url, const QList<CogByteRange> &ranges, qint64 coalesceGap) {
+            return RequestSetup([=](CogViewportRequest &request) {
+                request.url = url;
+                request.ranges = ranges;
+                request.coalesceGap = coalesceGap;
+            });
+        };
+        const QUrl url = server.url(jpegPath);
+        const RequestSetup badRange = changed(url, { byteRange(1000, 10), byteRange(5, 0) }, 0);
+        row("URL without scheme", changed(QUrl(QStringLiteral("cogs/a.tif")), { byteRange(0, 1) }, 0), 1,
+            FormatsMessages::viewportUrlInvalid);
+        row("invalid URL", changed(QUrl(QStringLiteral("http://[::1")), { byteRange(0, 1) }, 0), 1,
+            FormatsMessages::viewportUrlInvalid);
+        row("URL outranks ranges and gap", changed(QUrl(), {}, -1), 1, FormatsMessages::viewportUrlInvalid);
+        row("no ranges outranks the gap", changed(url, {}, -1), 1, FormatsMessages::viewportNoRanges);
+        row("gap outranks a bad range", changed(url, { byteRange(0, 0) }, -1), 1, FormatsMessages::viewportGapNegative);
+        row("bad range", badRange, 0, FormatsMessages::viewportRangeInvalid);
+        row("first enforcement outranks a bad range", badRange, 1, "over budget");
+        row("second enforcement refuses", unchanged, 2, "over budget");
+        row("range read's enforcement refuses", unchanged, 3, "over budget");
+        row(
+            "cancelled before the first read",
+            [](CogViewportRequest &request) { request.context.cancellationToken.requestCancellation(); }, 0,
+            FormatsMessages::viewportCancelled);
+        // Cancelled while the first finished read is reported: the second read must not start.
+        row("cancelled between reads",
+            [](CogViewportRequest &request) {
+                const OperationCancellationToken token = request.context.cancellationToken;
+                request.context.progressSink = [token](const OperationProgress &progress) {
+                    if (progress.completed == 10)
+                        token.requestCancellation();
+                };
+            },
+            0, FormatsMessages::viewportCancelled, { "bytes=1000-1009" });
+        // The server's Content-Range fits the first range only.
+        row("read failure", [](CogViewportRequest &request) { request.url.setPath(QStringLiteral("/lying.tif")); }, 0,
+            "HTTP Content-Range does not match the requested byte range", { "bytes=1000-1009", "bytes=5000-5009" });
+    }
 
-        QCOMPARE(thrownMessage<std::runtime_error>([&] { source->readViewport(request); }),
-            QByteArray(FormatsMessages::viewportCancelled));
-        QCOMPARE(rangeHeadersOfGets(server, QLatin1Char('/') + jpegCog), QList<QByteArray> { "bytes=1000-1009" });
+    void viewportStopsEarly()
+    {
+        QFETCH(RequestSetup, setup);
+        QFETCH(int, refusedEnforcement);
+        CogViewportRequest request = viewport({ byteRange(1000, 10), byteRange(5000, 10), byteRange(9000, 10) });
+        int enforcements = 0;
+        request.context.resourcePolicy = [&](const OperationResourceUsage &, const QString &, const QString &) {
+            OperationResourcePolicyDecision decision;
+            decision.allowed = ++enforcements != refusedEnforcement;
+            decision.reason = QStringLiteral("over budget");
+            return decision;
+        };
+        setup(request);
+        QTEST(thrownMessage<std::exception>([&] { source->readViewport(request); }), "message");
+        QTEST(rangesOfGets(server, request.url.path()), "reads");
     }
 
     // The read under way watches the viewport's own token.
@@ -583,13 +344,12 @@ private slots:
         stall.stallBeforeHeaders = true;
         server.setBehaviour(path, stall);
 
-        CogViewportRequest request;
-        request.url = server.url(path);
-        request.ranges = { byteRange(0, 100) };
+        CogViewportRequest request = viewport({ byteRange(0, 100) }, 0, path);
         const OperationCancellationToken token = request.context.cancellationToken;
         std::thread canceller([&] {
-            if (server.waitForRequests(1))
-                token.requestCancellation();
+            // Other tests' late requests may arrive too: wait for the one at the stalled path.
+            for (int seen = 1; server.waitForRequests(seen) && server.requestCount(path) == 0; ++seen) { }
+            token.requestCancellation();
         });
         const QByteArray message = thrownMessage<std::runtime_error>([&] { source->readViewport(request); });
         canceller.join();
@@ -597,54 +357,6 @@ private slots:
         server.releaseStalledRequests();
 
         QCOMPARE(message, QByteArray("HTTP request cancelled"));
-    }
-
-    void refusalsStopBeforeAnyRead_data()
-    {
-        QTest::addColumn<QByteArray>("refusedComponent");
-        QTest::addColumn<bool>("refuseZeroUsage");
-        QTest::newRow("first enforcement") << cogComponent << true;
-        QTest::newRow("second enforcement") << cogComponent << false;
-        // The range read's own check goes to the viewport's policy too.
-        QTest::newRow("range read's enforcement") << readerComponent << false;
-    }
-
-    void refusalsStopBeforeAnyRead()
-    {
-        QFETCH(QByteArray, refusedComponent);
-        QFETCH(bool, refuseZeroUsage);
-        CogViewportRequest request;
-        request.url = server.url(QLatin1Char('/') + jpegCog);
-        request.ranges = { byteRange(1000, 10) };
-        request.context.resourcePolicy
-            = [&](const OperationResourceUsage &usage, const QString &component, const QString &) {
-                  OperationResourcePolicyDecision decision;
-                  decision.allowed = !(component.toUtf8() == refusedComponent && (usage.bytes == 0) == refuseZeroUsage);
-                  decision.reason = QStringLiteral("over budget");
-                  return decision;
-              };
-
-        QCOMPARE(
-            thrownMessage<OperationRefusedError>([&] { source->readViewport(request); }), QByteArray("over budget"));
-        QCOMPARE(server.requestCount(), 0);
-    }
-
-    void failuresOfAReadPropagate()
-    {
-        const QString path = QStringLiteral("/lying.tif");
-        server.serveBytes(path, testDataBytes(jpegCog));
-        RouteBehaviour lie;
-        lie.contentRange = QByteArrayLiteral("bytes 0-99/145183");
-        server.setBehaviour(path, lie);
-
-        CogViewportRequest request;
-        request.url = server.url(path);
-        request.ranges = { byteRange(0, 100), byteRange(50000, 100) };
-        request.coalesceGap = 0;
-        QCOMPARE(thrownMessage<std::runtime_error>([&] { source->readViewport(request); }),
-            QByteArray("HTTP Content-Range does not match the requested byte range"));
-        // The first range matched the lie; the second did not and ended the call.
-        QCOMPARE(server.requestCount(path), 2);
     }
 };
 
