@@ -25,6 +25,19 @@ std::unique_ptr<StacClient> stacClientFor(const CloudClient &client, const char1
     return stac;
 }
 
+// A probe holds an application guard for its whole run, checks the handle, merges the per-call headers into the
+// client's (a malformed headers text fails here, before any exchange) and writes the probe's document.
+template <typename Probe>
+int32_t probeReturningText(
+    NorvaneCloudClient *client, const char16_t *headersJson, char16_t *buffer, int32_t capacity, Probe probe)
+{
+    const ApplicationGuard guard;
+    return callReturningText(buffer, capacity, [&] {
+        const CloudClient &record = clientFromHandle(client);
+        return probe(record, mergedHeaders(record.headers, headersJson));
+    });
+}
+
 } // namespace
 
 extern "C" {
@@ -106,23 +119,19 @@ int32_t NorvaneCloud_PmTilesGdalVirtualPath(
 int32_t NorvaneCloud_CogProbeJson(
     NorvaneCloudClient *client, const char16_t *url, const char16_t *headersJson, char16_t *buffer, int32_t capacity)
 {
-    const ApplicationGuard guard;
-    return callReturningText(buffer, capacity, [&] {
-        const CloudClient &record = clientFromHandle(client);
-        const QHash<QByteArray, QByteArray> headers = mergedHeaders(record.headers, headersJson);
-        return cogProbeToJson(record.cog.probe(urlArgument(url), headers));
-    });
+    return probeReturningText(
+        client, headersJson, buffer, capacity, [&](const CloudClient &record, const auto &headers) {
+            return cogProbeToJson(record.cog.probe(urlArgument(url), headers));
+        });
 }
 
 int32_t NorvaneCloud_GeoParquetProbeJson(
     NorvaneCloudClient *client, const char16_t *url, const char16_t *headersJson, char16_t *buffer, int32_t capacity)
 {
-    const ApplicationGuard guard;
-    return callReturningText(buffer, capacity, [&] {
-        const CloudClient &record = clientFromHandle(client);
-        const QHash<QByteArray, QByteArray> headers = mergedHeaders(record.headers, headersJson);
-        return geoParquetProbeToJson(record.geoParquet.probe(urlArgument(url), headers));
-    });
+    return probeReturningText(
+        client, headersJson, buffer, capacity, [&](const CloudClient &record, const auto &headers) {
+            return geoParquetProbeToJson(record.geoParquet.probe(urlArgument(url), headers));
+        });
 }
 
 int32_t NorvaneCloud_PmTilesInspectJson(NorvaneCloudClient *client,
@@ -131,24 +140,20 @@ int32_t NorvaneCloud_PmTilesInspectJson(NorvaneCloudClient *client,
     char16_t *buffer,
     int32_t capacity)
 {
-    const ApplicationGuard guard;
-    return callReturningText(buffer, capacity, [&] {
-        const CloudClient &record = clientFromHandle(client);
-        const QHash<QByteArray, QByteArray> headers = mergedHeaders(record.headers, headersJson);
-        // The text form: a local archive path reaches the probe as a path, not as a URL.
-        return pmTilesProbeToJson(record.pmTiles.probe(textArgument(location), headers));
-    });
+    return probeReturningText(
+        client, headersJson, buffer, capacity, [&](const CloudClient &record, const auto &headers) {
+            // The text form: a local archive path reaches the probe as a path, not as a URL.
+            return pmTilesProbeToJson(record.pmTiles.probe(textArgument(location), headers));
+        });
 }
 
 int32_t NorvaneCloud_PmTilesProbeJson(
     NorvaneCloudClient *client, const char16_t *url, const char16_t *headersJson, char16_t *buffer, int32_t capacity)
 {
-    const ApplicationGuard guard;
-    return callReturningText(buffer, capacity, [&] {
-        const CloudClient &record = clientFromHandle(client);
-        const QHash<QByteArray, QByteArray> headers = mergedHeaders(record.headers, headersJson);
-        return pmTilesProbeToJson(record.pmTiles.probe(urlArgument(url), headers));
-    });
+    return probeReturningText(
+        client, headersJson, buffer, capacity, [&](const CloudClient &record, const auto &headers) {
+            return pmTilesProbeToJson(record.pmTiles.probe(urlArgument(url), headers));
+        });
 }
 
 int32_t NorvaneCloud_StacSearchJson(NorvaneCloudClient *client,

@@ -2,6 +2,7 @@
 
 #include "formats/formatsmessages.h"
 #include "formats/gdalaccess.h"
+#include "formats/probeinspection.h"
 #include "formats/tiffheader.h"
 #include "formats/viewportplan.h"
 
@@ -60,11 +61,7 @@ CogProbeResult CogSource::probe(const QUrl &url, const QHash<QByteArray, QByteAr
 {
     const CloudResourceMetadata metadata = reader->inspect(url, headers);
     CogProbeResult result;
-    result.url = metadata.url;
-    result.contentLength = metadata.contentLength;
-    result.etag = metadata.etag;
-    result.contentType = metadata.contentType;
-    result.acceptsRanges = metadata.acceptsRanges;
+    copyInspection(result, metadata);
 
     // The header is read where the inspection ended up, so a redirect is followed once, not twice.
     CloudRangeRequest request;

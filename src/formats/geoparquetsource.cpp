@@ -2,6 +2,7 @@
 
 #include "formats/formatsmessages.h"
 #include "formats/gdalaccess.h"
+#include "formats/probeinspection.h"
 
 namespace Norvane::Cloud {
 
@@ -36,11 +37,7 @@ GeoParquetProbeResult GeoParquetSource::probe(const QUrl &url, const QHash<QByte
 {
     const CloudResourceMetadata metadata = reader->inspect(url, headers);
     GeoParquetProbeResult result;
-    result.url = metadata.url;
-    result.contentLength = metadata.contentLength;
-    result.etag = metadata.etag;
-    result.contentType = metadata.contentType;
-    result.acceptsRanges = metadata.acceptsRanges;
+    copyInspection(result, metadata);
 
     // Without a known length there is no end to read the footer marker from.
     if (result.contentLength < parquetMinimumLength) {

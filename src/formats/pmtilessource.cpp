@@ -3,6 +3,7 @@
 #include "formats/formatsmessages.h"
 #include "formats/gdalaccess.h"
 #include "formats/pmtilesheader.h"
+#include "formats/probeinspection.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -48,11 +49,7 @@ PmTilesProbeResult PmTilesSource::probe(const QString &location, const QHash<QBy
     result.remote = isRemoteLocation(location);
     if (result.remote) {
         const CloudResourceMetadata metadata = reader->inspect(QUrl(location, QUrl::TolerantMode), headers);
-        result.url = metadata.url;
-        result.contentLength = metadata.contentLength;
-        result.etag = metadata.etag;
-        result.contentType = metadata.contentType;
-        result.acceptsRanges = metadata.acceptsRanges;
+        copyInspection(result, metadata);
     } else {
         const QFileInfo info = existingLocalArchive(location);
         result.url = QUrl::fromLocalFile(info.absoluteFilePath());
