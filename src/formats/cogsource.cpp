@@ -2,7 +2,7 @@
 
 #include "formats/formatsmessages.h"
 #include "formats/gdalaccess.h"
-#include "formats/probeinspection.h"
+#include "formats/probecommon.h"
 #include "formats/tiffheader.h"
 #include "formats/viewportplan.h"
 

@@ -3,7 +3,7 @@
 #include "formats/formatsmessages.h"
 #include "formats/gdalaccess.h"
 #include "formats/pmtilesheader.h"
-#include "formats/probeinspection.h"
+#include "formats/probecommon.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -133,12 +133,12 @@ ParsedRange parseRange(const QByteArray &value, qint64 size)
     const QByteArray trimmed = value.trimmed();
     if (!trimmed.startsWith("bytes=") || trimmed.contains(','))
         return range;
-    const QByteArray spec = trimmed.mid(6).trimmed();
-    const int dash = spec.indexOf('-');
+    const QByteArray rangeText = trimmed.mid(6).trimmed();
+    const int dash = rangeText.indexOf('-');
     if (dash < 0)
         return range;
-    const QByteArray firstText = spec.left(dash).trimmed();
-    const QByteArray lastText = spec.mid(dash + 1).trimmed();
+    const QByteArray firstText = rangeText.left(dash).trimmed();
+    const QByteArray lastText = rangeText.mid(dash + 1).trimmed();
     bool firstOk = false;
     bool lastOk = false;
     if (firstText.isEmpty()) {

@@ -42,9 +42,9 @@ const QList<OptionSpec> globalOptionSpecs {
 
 const OptionSpec *findSpec(const QList<OptionSpec> &specs, const QString &name)
 {
-    for (const OptionSpec &spec : specs) {
-        if (spec.name == name)
-            return &spec;
+    for (const OptionSpec &option : specs) {
+        if (option.name == name)
+            return &option;
     }
     return nullptr;
 }
@@ -89,8 +89,8 @@ QString subcommandOf(const QStringList &arguments)
         if (isOption(argument)) {
             const QString name
                 = argument.mid(argument.startsWith(QLatin1String("--")) ? 2 : 1).section(QLatin1Char('='), 0, 0);
-            const OptionSpec *spec = findSpec(globalOptionSpecs, name);
-            if (spec && spec->takesValue && !argument.contains(QLatin1Char('=')))
+            const OptionSpec *option = findSpec(globalOptionSpecs, name);
+            if (option && option->takesValue && !argument.contains(QLatin1Char('=')))
                 ++i;
             continue;
         }
@@ -119,17 +119,17 @@ ParsedCommand parseCommandLine(const QStringList &arguments, const QList<OptionS
             name = name.left(equals);
             hasInlineValue = true;
         }
-        const OptionSpec *spec = findSpec(globalOptionSpecs, name);
-        const bool global = spec != nullptr;
-        if (!spec)
-            spec = findSpec(accepted, name);
-        if (!spec)
+        const OptionSpec *option = findSpec(globalOptionSpecs, name);
+        const bool global = option != nullptr;
+        if (!option)
+            option = findSpec(accepted, name);
+        if (!option)
             throw UsageError(QStringLiteral("unknown option %1").arg(argument), command);
-        if (spec->takesValue && !hasInlineValue) {
+        if (option->takesValue && !hasInlineValue) {
             if (i + 1 >= arguments.size())
                 throw UsageError(QStringLiteral("option %1 needs a value").arg(argument), command);
             value = arguments.at(++i);
-        } else if (!spec->takesValue && hasInlineValue) {
+        } else if (!option->takesValue && hasInlineValue) {
             throw UsageError(QStringLiteral("option --%1 takes no value").arg(name), command);
         }
         if (global)
