@@ -1,6 +1,7 @@
 #include <norvanecloud/rangetransport.h>
 
 #include "transport/cachediskentry.h"
+#include "transport/cloudrangecacheinternals_p.h"
 #include "transport/transportmessages.h"
 
 #include <QDateTime>
@@ -228,7 +229,10 @@ bool CloudRangeCache::Private::readFromDisk(const QString &key, CacheDiskEntry &
     if (!file.open(QIODevice::ReadOnly))
         return false;
     std::optional<CacheDiskEntry> decoded = readCacheDiskEntry(file);
-    if (decoded && !isExpired(decoded->storedAtMilliseconds, nowMilliseconds, options.maximumAgeSeconds)) {
+    // put never stores an empty range: an entry that decodes to one is the header of a file whose rest reads as
+    // zeros (a read racing an in-place rewrite by another program, or blocks lost in a crash).
+    if (decoded && !decoded->response.data.isEmpty()
+        && !isExpired(decoded->storedAtMilliseconds, nowMilliseconds, options.maximumAgeSeconds)) {
         // The modification time is the entry's recency for the trim; failing to set it only makes the entry older.
         file.setFileTime(QDateTime::currentDateTimeUtc(), QFileDevice::FileModificationTime);
         entry = std::move(*decoded);
@@ -255,7 +259,9 @@ bool CloudRangeCache::Private::writeToDisk(
         return false;
     // A new file would get the umask's permissions, a replaced one those of its predecessor.
     file.setPermissions(privateFilePermissions);
-    if (!writeCacheDiskEntry(file, response, storedAtMilliseconds))
+    // QSaveFile::commit does not notice when flushing its buffer fails (a full disk, a file size limit) and would
+    // put the cut file in place of the entry; flushing first finds out, and the discarded save file changes nothing.
+    if (!writeCacheDiskEntry(file, response, storedAtMilliseconds) || !file.flush())
         return false;
     const qint64 size = file.size();
     if (!file.commit())
@@ -320,6 +326,18 @@ CloudRangeCache::~CloudRangeCache() = default;
 const CloudCacheOptions &CloudRangeCache::options() const
 {
     return d->options;
+}
+
+bool CloudRangeCacheInternals::holds(CloudRangeCache &cache, const QString &key)
+{
+    const std::lock_guard locker(cache.d->mutex);
+    if (cache.d->options.memoryEnabled) {
+        const auto position = cache.d->memory.constFind(key);
+        if (position != cache.d->memory.constEnd()
+            && !isExpired(position->storedAtMilliseconds, currentMilliseconds(), cache.d->options.maximumAgeSeconds))
+            return true;
+    }
+    return cache.d->options.diskEnabled && QFileInfo::exists(cache.d->diskPath(key));
 }
 
 bool CloudRangeCache::get(const QString &key, CloudRangeResponse &response)

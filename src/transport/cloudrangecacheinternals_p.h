@@ -16,6 +16,9 @@ public:
     static bool beginFetch(CloudRangeCache &cache, const QString &key) { return cache.beginFetch(key); }
     /// Ends the caller's fetch of key and wakes every waiter, of any key, to look again.
     static void finishFetch(CloudRangeCache &cache, const QString &key) { cache.finishFetch(key); }
+    /// True when memory holds an unexpired entry for key or its entry file exists. Counts nothing and changes
+    /// nothing, so a reader can look again after claiming a key without adding a miss to the statistics.
+    static bool holds(CloudRangeCache &cache, const QString &key);
     static void recordCacheTransfer(CloudRangeCache &cache, qint64 bytes) { cache.recordCacheTransfer(bytes); }
     static void recordNetworkTransfer(CloudRangeCache &cache, qint64 bytes) { cache.recordNetworkTransfer(bytes); }
 };

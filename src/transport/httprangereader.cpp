@@ -275,6 +275,10 @@ CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
         while (!hit) {
             if (!CloudRangeCacheInternals::beginFetch(*cache, key)) {
                 claim.claim(*cache, key);
+                // The read that owned the key before may have stored it between our miss and our claim; looking
+                // only when something is there keeps the statistics of an ordinary miss as they are.
+                if (CloudRangeCacheInternals::holds(*cache, key))
+                    hit = cache->get(key, response);
                 break;
             }
             hit = cache->get(key, response);

@@ -6,7 +6,7 @@ norvane_add_test(tst_loopbackhttpserver
 norvane_add_test(tst_httprangereader
     SOURCES tst_httprangereader.cpp
     LIBRARIES NorvaneCloud::Transport NorvaneTestSupport
-    LABELS http nginx)
+    LABELS http nginx concurrency)
 norvane_add_test(tst_httprangereader_noapplication
     SOURCES tst_httprangereader_noapplication.cpp
     LIBRARIES NorvaneCloud::Transport

@@ -1,0 +1,304 @@
+#include "fuzzentries.h"
+
+#include "flat/flatdocuments.h"
+#include "flat/flatmessages.h"
+#include "formats/pmtilesheader.h"
+#include "formats/tiffheader.h"
+#include "stac/stacmessages.h"
+#include "transport/cachediskentry.h"
+
+#include <norvanecloud/formats.h>
+#include <norvanecloud/rangetransport.h>
+#include <norvanecloud/stac.h>
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QUrl>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+#include <vector>
+
+namespace Norvane::Cloud::Fuzzing {
+
+namespace {
+
+bool startsWith(const char *text, const char *prefix)
+{
+    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+// A STAC page answer may be rejected only with the documented messages; anything else escaping is a defect.
+void expectStacMessage(const std::exception &exception)
+{
+    const char *message = exception.what();
+    const QByteArray invalidJsonPrefix = QByteArray(StacMessages::invalidJson).replace("%1", "");
+    const char *documented[] = { StacMessages::assetMissing, StacMessages::assetNotCogCandidate,
+        StacMessages::noCogAsset, StacMessages::itemIdEmpty };
+    if (startsWith(message, invalidJsonPrefix.constData()))
+        return;
+    for (const char *text : documented) {
+        if (std::strcmp(message, text) == 0)
+            return;
+    }
+    fail("undocumented STAC failure", message);
+}
+
+// One client for every input: cogLayer needs no network, and this cache keeps nothing in memory or on disk.
+StacClient &stacClient()
+{
+    static StacClient client(QUrl(QStringLiteral("http://127.0.0.1:9/")), [] {
+        CloudCacheOptions options;
+        options.directory = QDir::tempPath();
+        options.memoryEnabled = false;
+        options.diskEnabled = false;
+        return std::make_shared<CloudRangeCache>(options);
+    }());
+    return client;
+}
+
+struct DiskFolder {
+    QTemporaryDir folder;
+    QString key = QStringLiteral("fuzzed entry");
+    QString entryPath() const { return QDir(folder.path()).filePath(cacheDiskFileName(key)); }
+};
+
+DiskFolder &diskFolder()
+{
+    static DiskFolder holder;
+    if (!holder.folder.isValid())
+        fail("temporary folder for the disk entries could not be made");
+    return holder;
+}
+
+bool sameResponse(const CloudRangeResponse &left, const CloudRangeResponse &right)
+{
+    return left.data == right.data && left.offset == right.offset && left.totalSize == right.totalSize
+        && left.statusCode == right.statusCode && left.etag == right.etag && left.lastModified == right.lastModified
+        && left.contentType == right.contentType && left.acceptsRanges == right.acceptsRanges;
+}
+
+} // namespace
+
+void fail(const char *what, const QByteArray &detail)
+{
+    std::fprintf(stderr, "fuzz check failed: %s %s\n", what, detail.constData());
+    std::fflush(stderr);
+    std::abort();
+}
+
+void tiffHeader(const QByteArray &input)
+{
+    for (const bool acceptsRanges : { true, false }) {
+        CogProbeResult result;
+        result.acceptsRanges = acceptsRanges;
+        result.contentLength = input.size();
+        applyTiffHeader(result, input);
+        if (result.diagnostic.isEmpty())
+            fail("TIFF probe without diagnostic");
+        if (result.cloudReadable && (!result.tiffHeaderValid || !acceptsRanges || result.firstIfdOffset < 8))
+            fail("TIFF probe readable without a valid header");
+        if (result.tiffHeaderValid && result.firstIfdOffset < (result.bigTiff ? 16 : 8))
+            fail("TIFF header valid with a first IFD inside the header");
+    }
+}
+
+void pmTilesHeader(const QByteArray &input)
+{
+    if (input.isEmpty())
+        return;
+    const quint8 flags = quint8(input.at(0));
+    const QByteArray header = input.mid(1);
+    PmTilesProbeResult result;
+    result.acceptsRanges = (flags & 1) != 0;
+    result.remote = (flags & 2) != 0;
+    switch ((flags >> 2) & 3) {
+    case 0:
+        result.contentLength = header.size();
+        break;
+    case 1:
+        result.contentLength = -1;
+        break;
+    case 2:
+        result.contentLength = std::numeric_limits<qint64>::max();
+        break;
+    default:
+        result.contentLength = qint64(flags) << 4;
+        break;
+    }
+    applyPmTilesHeader(result, header);
+    if (result.diagnostic.isEmpty())
+        fail("PMTiles probe without diagnostic");
+    if (result.cloudReadable && (!result.headerValid || !result.acceptsRanges))
+        fail("PMTiles probe readable without a valid header");
+    if (result.headerValid) {
+        const qint64 sections[][2] = { { result.rootDirectoryOffset, result.rootDirectoryLength },
+            { result.metadataOffset, result.metadataLength }, { result.tileDataOffset, result.tileDataLength } };
+        for (const auto &section : sections) {
+            if (section[0] < 0 || section[1] < 0 || section[0] > result.contentLength
+                || section[1] > result.contentLength - section[0])
+                fail("PMTiles header valid with a section outside the archive");
+        }
+    }
+}
+
+void itemCollection(const QByteArray &input)
+{
+    const int lineEnd = input.indexOf('\n');
+    const QByteArray urlText = lineEnd < 0 ? QByteArray() : input.left(lineEnd);
+    const QByteArray body = lineEnd < 0 ? input : input.mid(lineEnd + 1);
+    const QUrl pageUrl(QString::fromUtf8(urlText));
+    StacSearchResult result;
+    try {
+        result = StacClient::parseItemCollection(body, pageUrl);
+    } catch (const std::runtime_error &error) {
+        expectStacMessage(error);
+        return;
+    }
+    // Whatever was parsed must survive the rest of the way to a host: layer resolution and the flat documents.
+    for (const StacItem &item : std::as_const(result.items)) {
+        const QStringList keys = QStringList(QString()) + item.assets.keys();
+        for (const QString &key : keys) {
+            try {
+                const StacCogLayer layer = stacClient().cogLayer(item, key);
+                if (cogLayerToJson(layer).isEmpty())
+                    fail("empty COG layer document");
+            } catch (const std::exception &error) {
+                expectStacMessage(error);
+            }
+        }
+    }
+    if (searchResultToJson(result).isEmpty())
+        fail("empty search result document");
+}
+
+void cacheDiskEntry(const QByteArray &input)
+{
+    DiskFolder &holder = diskFolder();
+    const QString path = holder.entryPath();
+    {
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(input) != input.size())
+            fail("entry file could not be written");
+    }
+    std::optional<CacheDiskEntry> decoded = decodeCacheDiskEntry(input);
+    // The cache never stores an empty range, so it treats an entry that decodes to one as damaged.
+    if (decoded && decoded->response.data.isEmpty())
+        decoded.reset();
+
+    CloudCacheOptions options;
+    options.directory = holder.folder.path();
+    options.memoryEnabled = false;
+    // No expiry: every entry that decodes must be served, exactly as decoded.
+    options.maximumAgeSeconds = 0;
+    CloudRangeCache cache(options);
+    CloudRangeResponse response;
+    const bool hit = cache.get(holder.key, response);
+    if (hit != decoded.has_value())
+        fail(hit ? "cache served an entry that does not decode" : "cache refused an entry that decodes");
+    if (hit) {
+        if (!response.fromCache || !sameResponse(response, decoded->response))
+            fail("cache served other bytes than the entry holds");
+    } else if (QFile::exists(path)) {
+        fail("bad entry file left in place");
+    }
+    // The same bytes again with an age limit: expiry arithmetic on a stored time that may be anything.
+    if (hit) {
+        options.maximumAgeSeconds = (quint8(input.at(input.size() - 1)) % 2) ? 1 : std::numeric_limits<qint64>::max();
+        CloudRangeCache ageing(options);
+        CloudRangeResponse aged;
+        ageing.get(holder.key, aged);
+        if (!aged.data.isEmpty() && aged.data != decoded->response.data)
+            fail("ageing cache served other bytes");
+    }
+    QFile::remove(path);
+}
+
+void flatDocuments(const QByteArray &input)
+{
+    if (input.isEmpty())
+        return;
+    const quint8 selector = quint8(input.at(0));
+    const QByteArray rest = input.mid(1);
+    std::vector<char16_t> text;
+    if (selector & 0x80) {
+        // Raw code units, unpaired surrogates and embedded zeros included.
+        for (int index = 0; index + 1 < rest.size(); index += 2)
+            text.push_back(char16_t(quint8(rest.at(index)) | (quint8(rest.at(index + 1)) << 8)));
+    } else {
+        const QString decoded = QString::fromUtf8(rest);
+        text.assign(reinterpret_cast<const char16_t *>(decoded.utf16()),
+            reinterpret_cast<const char16_t *>(decoded.utf16()) + decoded.size());
+    }
+    text.push_back(u'\0');
+    const char16_t *document = text.data();
+
+    const char *expected = nullptr;
+    try {
+        switch (selector & 3) {
+        case 0:
+            expected = FlatMessages::optionsNotObject;
+            cacheOptionsFromJson(document);
+            break;
+        case 1:
+            expected = FlatMessages::headersNotObject;
+            headersFromJson(document);
+            break;
+        case 2: {
+            expected = FlatMessages::headersNotObject;
+            const HeaderMap defaults { { QByteArrayLiteral("Authorization"), QByteArrayLiteral("Bearer a") } };
+            const HeaderMap merged = mergedHeaders(defaults, document);
+            if (merged.isEmpty())
+                fail("merged headers lost the defaults");
+            break;
+        }
+        default:
+            expected = FlatMessages::searchRequestNotObject;
+            searchRequestFromJson(document);
+            break;
+        }
+    } catch (const std::invalid_argument &error) {
+        if (std::strcmp(error.what(), expected) != 0)
+            fail("undocumented document failure", error.what());
+    }
+}
+
+QString targetName(Target target)
+{
+    switch (target) {
+    case Target::TiffHeader:
+        return QStringLiteral("tiffheader");
+    case Target::PmTilesHeader:
+        return QStringLiteral("pmtilesheader");
+    case Target::ItemCollection:
+        return QStringLiteral("itemcollection");
+    case Target::CacheDiskEntry:
+        return QStringLiteral("cachediskentry");
+    case Target::FlatDocuments:
+        return QStringLiteral("flatdocuments");
+    }
+    return QString();
+}
+
+void run(Target target, const QByteArray &input)
+{
+    switch (target) {
+    case Target::TiffHeader:
+        return tiffHeader(input);
+    case Target::PmTilesHeader:
+        return pmTilesHeader(input);
+    case Target::ItemCollection:
+        return itemCollection(input);
+    case Target::CacheDiskEntry:
+        return cacheDiskEntry(input);
+    case Target::FlatDocuments:
+        return flatDocuments(input);
+    }
+}
+
+} // namespace Norvane::Cloud::Fuzzing
