@@ -5,6 +5,7 @@
 #include "formats/probecommon.h"
 #include "formats/tiffheader.h"
 #include "formats/viewportplan.h"
+#include "transport/transportmessages.h"
 
 #include <stdexcept>
 
@@ -14,9 +15,6 @@ using Norvane::Core::Operations::OperationProgress;
 using Norvane::Core::Operations::OperationResourceUsage;
 
 namespace {
-
-constexpr qint32 progressUnderWay = 2;
-constexpr qint32 progressDone = 4;
 
 OperationProgress viewportProgress(
     qint32 state, qint32 percent, qint64 completed, qint64 total, const char *message, QVariantMap details)
@@ -105,8 +103,9 @@ CogViewportResult CogSource::readViewport(const CogViewportRequest &request) con
 
     const QString overviewLevelKey = QStringLiteral("overviewLevel");
     const QString cacheHitsKey = QStringLiteral("cacheHits");
-    context.reportProgress(viewportProgress(progressUnderWay, 0, 0, total, FormatsMessages::viewportProgressReading,
-        { { overviewLevelKey, result.overviewLevel }, { QStringLiteral("rangeCount"), qint64(merged.size()) } }));
+    context.reportProgress(
+        viewportProgress(TransportMessages::progressUnderWay, 0, 0, total, FormatsMessages::viewportProgressReading,
+            { { overviewLevelKey, result.overviewLevel }, { QStringLiteral("rangeCount"), qint64(merged.size()) } }));
 
     result.responses.reserve(merged.size());
     for (const CogByteRange &range : merged) {
@@ -130,15 +129,15 @@ CogViewportResult CogSource::readViewport(const CogViewportRequest &request) con
             ++result.cacheHits;
         result.responses.append(std::move(response));
 
-        context.reportProgress(viewportProgress(progressUnderWay, viewportPercent(result.bytesRead, total),
-            result.bytesRead, total, FormatsMessages::viewportProgressReading,
+        context.reportProgress(viewportProgress(TransportMessages::progressUnderWay,
+            viewportPercent(result.bytesRead, total), result.bytesRead, total, FormatsMessages::viewportProgressReading,
             { { overviewLevelKey, result.overviewLevel }, { cacheHitsKey, result.cacheHits } }));
     }
 
-    context.reportProgress(
-        viewportProgress(progressDone, 100, result.bytesRead, total, FormatsMessages::viewportProgressReady,
-            { { overviewLevelKey, result.overviewLevel }, { QStringLiteral("requestedRanges"), result.requestedRanges },
-                { QStringLiteral("coalescedRanges"), result.coalescedRanges }, { cacheHitsKey, result.cacheHits } }));
+    context.reportProgress(viewportProgress(TransportMessages::progressDone, 100, result.bytesRead, total,
+        FormatsMessages::viewportProgressReady,
+        { { overviewLevelKey, result.overviewLevel }, { QStringLiteral("requestedRanges"), result.requestedRanges },
+            { QStringLiteral("coalescedRanges"), result.coalescedRanges }, { cacheHitsKey, result.cacheHits } }));
     return result;
 }
 

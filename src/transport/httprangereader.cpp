@@ -21,9 +21,6 @@ using Norvane::Core::Operations::OperationResourceUsage;
 
 namespace {
 
-constexpr qint32 progressUnderWay = 2;
-constexpr qint32 progressDone = 4;
-
 void requireValidUrl(const QUrl &url)
 {
     if (!url.isValid() || url.scheme().isEmpty())
@@ -261,7 +258,7 @@ CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
     if (cancellationRequested(request))
         throw std::runtime_error(TransportMessages::requestCancelled);
 
-    reportProgress(request, progressUnderWay, 0, 0, texts.reading, { { texts.urlName, urlText } });
+    reportProgress(request, TransportMessages::progressUnderWay, 0, 0, texts.reading, { { texts.urlName, urlText } });
 
     const QString key = keyFor(encodedUrl, request);
     CloudRangeResponse response;
@@ -285,7 +282,8 @@ CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
         }
         if (hit) {
             CloudRangeCacheInternals::recordCacheTransfer(*cache, response.data.size());
-            reportProgress(request, progressDone, 100, response.data.size(), texts.fromCache, texts.cacheHit);
+            reportProgress(
+                request, TransportMessages::progressDone, 100, response.data.size(), texts.fromCache, texts.cacheHit);
             return response;
         }
     }
@@ -337,7 +335,8 @@ CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
         response.fromCache = false;
         if (useCache)
             cache->put(key, response);
-        reportProgress(request, progressDone, 100, response.data.size(), texts.downloaded, texts.cacheMiss);
+        reportProgress(
+            request, TransportMessages::progressDone, 100, response.data.size(), texts.downloaded, texts.cacheMiss);
     }
     return response;
 }

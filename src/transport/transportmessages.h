@@ -2,6 +2,8 @@
 
 // Every message text of the range transport, once. Tests pin them exactly.
 
+#include <QtGlobal>
+
 namespace Norvane::Cloud::TransportMessages {
 
 inline constexpr char cacheLimitsNegative[] = "Cloud cache limits cannot be negative";
@@ -24,7 +26,10 @@ inline constexpr char rangeIgnored[] = "HTTP server ignored the byte-range reque
 inline constexpr char lengthMismatch[] = "HTTP range returned %1 bytes; expected %2";
 inline constexpr char noApplicationObject[] = "HTTP exchange requires a Qt application object";
 
-// Names given to the host's operation context.
+// What the range transport and the viewport read tell the host's operation context: the progress states (under
+// way, done), the component name and the progress messages.
+inline constexpr qint32 progressUnderWay = 2;
+inline constexpr qint32 progressDone = 4;
 inline constexpr char readerComponent[] = "Norvane.Cloud.HttpRangeReader";
 inline constexpr char progressReading[] = "Reading cloud byte range";
 inline constexpr char progressFromCache[] = "Cloud byte range served from cache";

@@ -65,21 +65,7 @@ LoopbackResponse privateObject(const LoopbackRequest &request, const QByteArray 
         response.status = 403;
         return response;
     }
-    response.headers = { { "Accept-Ranges", "bytes" }, { "Content-Type", "image/tiff" } };
-    const QByteArray range = request.header("Range");
-    if (!range.startsWith("bytes=")) {
-        response.body = content;
-        return response;
-    }
-    const QList<QByteArray> bounds = range.mid(6).split('-');
-    const qint64 first = bounds.value(0).toLongLong();
-    const qint64 last = qMin<qint64>(bounds.value(1).toLongLong(), content.size() - 1);
-    response.status = 206;
-    response.headers.append({ "Content-Range",
-        "bytes " + QByteArray::number(first) + '-' + QByteArray::number(last) + '/'
-            + QByteArray::number(content.size()) });
-    response.body = content.mid(first, last - first + 1);
-    return response;
+    return LoopbackHttpServer::objectResponse(request, content, "image/tiff");
 }
 
 } // namespace

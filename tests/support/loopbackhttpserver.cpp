@@ -172,6 +172,57 @@ struct ConnectionState {
     bool held = false;
 };
 
+// How a served object answers a GET or HEAD, with the path's faults applied to the ranged answer.
+LoopbackResponse objectAnswer(
+    const LoopbackRequest &request, const RouteBehaviour &behaviour, const ServedObject &object)
+{
+    LoopbackResponse response;
+    if (request.method != "GET" && request.method != "HEAD") {
+        response.status = 405;
+        response.headers.emplaceBack("Allow", "GET, HEAD");
+        return response;
+    }
+    const qint64 size = object.content.size();
+    response.headers.emplaceBack("Content-Type", object.contentType);
+    if (!object.etag.isEmpty())
+        response.headers.emplaceBack("ETag", object.etag);
+    if (!object.lastModified.isEmpty())
+        response.headers.emplaceBack("Last-Modified", object.lastModified);
+    if (behaviour.acceptRanges)
+        response.headers.emplaceBack("Accept-Ranges", *behaviour.acceptRanges);
+
+    const ParsedRange range = request.hasHeader("Range") && !behaviour.ignoreRange
+        ? parseRange(request.header("Range"), size)
+        : ParsedRange();
+    if (!range.present) {
+        response.status = 200;
+        response.body = object.content;
+        return response;
+    }
+    if (!range.satisfiable) {
+        response.status = 416;
+        response.headers.emplaceBack("Content-Range", "bytes */" + QByteArray::number(size));
+        return response;
+    }
+    response.status = 206;
+    if (behaviour.contentRange) {
+        response.headers.emplaceBack("Content-Range", *behaviour.contentRange);
+    } else if (!behaviour.omitContentRange) {
+        response.headers.emplaceBack("Content-Range",
+            "bytes " + QByteArray::number(range.first) + '-' + QByteArray::number(range.last) + '/'
+                + QByteArray::number(size));
+    }
+    response.body = object.content.mid(range.first, range.last - range.first + 1);
+    if (behaviour.bodyLengthDelta > 0) {
+        QByteArray extra = object.content.mid(range.last + 1, behaviour.bodyLengthDelta);
+        extra.append(QByteArray(behaviour.bodyLengthDelta - extra.size(), 'x'));
+        response.body.append(extra);
+    } else if (behaviour.bodyLengthDelta < 0) {
+        response.body.chop(qMin<qint64>(-behaviour.bodyLengthDelta, response.body.size()));
+    }
+    return response;
+}
+
 } // namespace
 
 QByteArray LoopbackRequest::header(const QByteArray &name) const
@@ -361,48 +412,7 @@ LoopbackResponse LoopbackHttpServer::Private::buildResponse(
         response.body = "Not Found";
         return response;
     }
-    if (request.method != "GET" && request.method != "HEAD") {
-        response.status = 405;
-        response.headers.emplaceBack("Allow", "GET, HEAD");
-        return response;
-    }
-    const qint64 size = object.content.size();
-    response.headers.emplaceBack("Content-Type", object.contentType);
-    response.headers.emplaceBack("ETag", object.etag);
-    response.headers.emplaceBack("Last-Modified", object.lastModified);
-    if (behaviour.acceptRanges)
-        response.headers.emplaceBack("Accept-Ranges", *behaviour.acceptRanges);
-
-    const ParsedRange range = request.hasHeader("Range") && !behaviour.ignoreRange
-        ? parseRange(request.header("Range"), size)
-        : ParsedRange();
-    if (!range.present) {
-        response.status = 200;
-        response.body = object.content;
-        return response;
-    }
-    if (!range.satisfiable) {
-        response.status = 416;
-        response.headers.emplaceBack("Content-Range", "bytes */" + QByteArray::number(size));
-        return response;
-    }
-    response.status = 206;
-    if (behaviour.contentRange) {
-        response.headers.emplaceBack("Content-Range", *behaviour.contentRange);
-    } else if (!behaviour.omitContentRange) {
-        response.headers.emplaceBack("Content-Range",
-            "bytes " + QByteArray::number(range.first) + '-' + QByteArray::number(range.last) + '/'
-                + QByteArray::number(size));
-    }
-    response.body = object.content.mid(range.first, range.last - range.first + 1);
-    if (behaviour.bodyLengthDelta > 0) {
-        QByteArray extra = object.content.mid(range.last + 1, behaviour.bodyLengthDelta);
-        extra.append(QByteArray(behaviour.bodyLengthDelta - extra.size(), 'x'));
-        response.body.append(extra);
-    } else if (behaviour.bodyLengthDelta < 0) {
-        response.body.chop(qMin<qint64>(-behaviour.bodyLengthDelta, response.body.size()));
-    }
-    return response;
+    return objectAnswer(request, behaviour, object);
 }
 
 void LoopbackHttpServer::Private::answer(QTcpSocket *socket, const LoopbackRequest &request, bool allowStall)
@@ -698,6 +708,12 @@ quint16 LoopbackHttpServer::unusedPort()
     const quint16 port = probe.serverPort();
     probe.close();
     return port;
+}
+
+LoopbackResponse LoopbackHttpServer::objectResponse(
+    const LoopbackRequest &request, const QByteArray &content, const QByteArray &contentType)
+{
+    return objectAnswer(request, RouteBehaviour(), ServedObject { content, contentType, {}, {} });
 }
 
 QByteArray LoopbackHttpServer::contentTypeFor(const QString &fileName)

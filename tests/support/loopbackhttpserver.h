@@ -140,6 +140,10 @@ public:
 
     /// A port on 127.0.0.1 that nothing listens on at the moment of the call (for refused connections).
     static quint16 unusedPort();
+    /// How a served object answers request: the whole content, or one byte range (206, or 416 when it lies past
+    /// the end), with "Accept-Ranges: bytes". For handlers that decide per request, by credentials for example.
+    static LoopbackResponse objectResponse(
+        const LoopbackRequest &request, const QByteArray &content, const QByteArray &contentType);
     /// The Content-Type served for a file name.
     static QByteArray contentTypeFor(const QString &fileName);
 
