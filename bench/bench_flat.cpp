@@ -8,7 +8,6 @@
 
 #include <loopbackhttpserver.h>
 
-#include <QCoreApplication>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -81,15 +80,3 @@ void writeSearchResultDocument(benchmark::State &state)
 BENCHMARK(writeSearchResultDocument)->Unit(benchmark::kMicrosecond);
 
 } // namespace
-
-int main(int argc, char **argv)
-{
-    // A host with its own application object: the probes take no lock and make no temporary one.
-    QCoreApplication application(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -1,1 +1,1 @@
-norvane_add_benchmark(bench_flat SOURCES bench_flat.cpp LIBRARIES NorvaneCloud::Flat NorvaneTestSupport Qt6::Core)
+norvane_add_benchmark(bench_flat WITH_APPLICATION SOURCES bench_flat.cpp LIBRARIES NorvaneCloud::Flat NorvaneTestSupport Qt6::Core)
