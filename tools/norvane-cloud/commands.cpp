@@ -31,6 +31,15 @@ std::shared_ptr<CloudRangeCache> makeCache(const GlobalOptions &global)
     return std::make_shared<CloudRangeCache>(options);
 }
 
+// GDAL strings need a source but no cache: with both tiers off the cache neither creates nor lists any folder.
+std::shared_ptr<CloudRangeCache> noStoringCache()
+{
+    CloudCacheOptions options;
+    options.memoryEnabled = false;
+    options.diskEnabled = false;
+    return std::make_shared<CloudRangeCache>(options);
+}
+
 QUrl urlArgument(const QString &text)
 {
     return QUrl(text, QUrl::TolerantMode);
@@ -316,13 +325,13 @@ int gdalPath(const ParsedCommand &parsed, Console &console)
     }
     switch (format) {
     case Format::Cog:
-        console.out << CogSource().gdalVirtualPath(urlArgument(location)) << '\n';
+        console.out << CogSource(noStoringCache()).gdalVirtualPath(urlArgument(location)) << '\n';
         break;
     case Format::PmTiles:
-        console.out << PmTilesSource().gdalPath(location) << '\n';
+        console.out << PmTilesSource(noStoringCache()).gdalPath(location) << '\n';
         break;
     case Format::Parquet:
-        console.out << GeoParquetSource().gdalVirtualPath(urlArgument(location)) << '\n';
+        console.out << GeoParquetSource(noStoringCache()).gdalVirtualPath(urlArgument(location)) << '\n';
         break;
     }
     return 0;
@@ -334,7 +343,7 @@ int gdalOptions(const ParsedCommand &parsed, Console &console)
     requireWords(parsed, 1, command);
     const qint64 cacheSize = parseInteger(parsed.value(QStringLiteral("cache-size"), QStringLiteral("268435456")),
         QStringLiteral("--cache-size"), command);
-    const QHash<QByteArray, QByteArray> options = CogSource().recommendedGdalOptions(cacheSize);
+    const QHash<QByteArray, QByteArray> options = CogSource(noStoringCache()).recommendedGdalOptions(cacheSize);
     QList<QByteArray> keys = options.keys();
     std::sort(keys.begin(), keys.end());
     QStringList pairs;
