@@ -7,15 +7,11 @@
 
 #include <norvanecloud/rangetransport.h>
 
-#include "transport/cachediskentry.h"
+#include "cachebenchdata.h"
 
 #include <benchmark/benchmark.h>
 
 #include <QByteArray>
-#include <QCryptographicHash>
-#include <QDateTime>
-#include <QDir>
-#include <QFile>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 
@@ -25,34 +21,13 @@
 #include <vector>
 
 using namespace Norvane::Cloud;
+using CacheBenchData::keyOf;
+using CacheBenchData::responseOf;
 
 namespace {
 
 constexpr qsizetype entryBytes = 16 * 1024;
 constexpr int diskEntryCount = 65536;
-
-// Keys shaped like the reader's: 64 hexadecimal digits.
-QString keyOf(const char *prefix, int index)
-{
-    const QByteArray seed = QByteArray(prefix) + QByteArray::number(index);
-    return QString::fromLatin1(QCryptographicHash::hash(seed, QCryptographicHash::Sha256).toHex());
-}
-
-CloudRangeResponse responseOf(int index)
-{
-    CloudRangeResponse response;
-    // A buffer of its own per entry, as ranges from the network would have.
-    response.data = QByteArray(entryBytes, char('a' + index % 26));
-    response.offset = qint64(index) * entryBytes;
-    response.totalSize = qint64(1) << 32;
-    response.statusCode = 206;
-    // Header values of their own too: literals would share static data that a hit never has to touch.
-    response.etag = QByteArray("\"0123456789abcdef\"");
-    response.lastModified = QByteArray("Mon, 02 Mar 2026 10:00:00 GMT");
-    response.contentType = QByteArray("image/tiff");
-    response.acceptsRanges = true;
-    return response;
-}
 
 std::vector<int> shuffledIndexes(int count)
 {
@@ -86,7 +61,7 @@ FullMemoryTier &fullMemoryTier(int keyCount)
         tier.cache = std::make_unique<CloudRangeCache>(memoryOptions(qint64(keyCount) * entryBytes));
         for (int index = 0; index < keyCount; ++index) {
             tier.keys.push_back(keyOf("memory", index));
-            tier.cache->put(tier.keys.back(), responseOf(index));
+            tier.cache->put(tier.keys.back(), responseOf(index, entryBytes));
         }
     }
     return tier;
@@ -118,12 +93,12 @@ void memoryPutIntoFullTier(benchmark::State &state)
     constexpr int freshKeys = 4 * held;
     CloudRangeCache cache(memoryOptions(qint64(held) * entryBytes));
     for (int index = 0; index < held; ++index)
-        cache.put(keyOf("held", index), responseOf(index));
+        cache.put(keyOf("held", index), responseOf(index, entryBytes));
     std::vector<QString> keys;
     std::vector<CloudRangeResponse> responses;
     for (int index = 0; index < freshKeys; ++index) {
         keys.push_back(keyOf("fresh", index));
-        responses.push_back(responseOf(index));
+        responses.push_back(responseOf(index, entryBytes));
     }
     const qint64 evictionsBefore = cache.statistics().evictions;
     size_t next = 0;
@@ -150,16 +125,8 @@ DiskFolder &diskFolder()
     static std::unique_ptr<DiskFolder> folder;
     if (!folder) {
         folder = std::make_unique<DiskFolder>();
-        const qint64 storedAt = QDateTime::currentMSecsSinceEpoch();
-        for (int index = 0; index < diskEntryCount; ++index) {
-            const QString key = keyOf("disk", index);
-            const QByteArray entry = encodeCacheDiskEntry(responseOf(index), storedAt);
-            QFile file(QDir(folder->directory.path()).filePath(cacheDiskFileName(key)));
-            if (!file.open(QIODevice::WriteOnly) || file.write(entry) != entry.size())
-                return *folder;
-            folder->keys.push_back(key);
-            folder->bytes += entry.size();
-        }
+        folder->bytes = CacheBenchData::writeEntryFiles(
+            folder->directory.path(), "disk", diskEntryCount, entryBytes, folder->keys);
     }
     return *folder;
 }
@@ -214,7 +181,7 @@ void diskPut(benchmark::State &state, bool overLimit)
     std::vector<QString> keys;
     for (int index = 0; index < 512; ++index)
         keys.push_back(keyOf(overLimit ? "over" : "under", index));
-    const CloudRangeResponse response = responseOf(7);
+    const CloudRangeResponse response = responseOf(7, entryBytes);
     const qint64 evictionsBefore = cache.statistics().evictions;
     // Keys over the limit are always new, across repetitions too, so each put adds a whole file.
     static int round = 0;

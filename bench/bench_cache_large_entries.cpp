@@ -6,45 +6,23 @@
 
 #include <norvanecloud/rangetransport.h>
 
-#include "transport/cachediskentry.h"
+#include "cachebenchdata.h"
 
 #include <benchmark/benchmark.h>
 
-#include <QCryptographicHash>
-#include <QDateTime>
-#include <QDir>
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <memory>
 #include <vector>
 
 using namespace Norvane::Cloud;
+using CacheBenchData::keyOf;
+using CacheBenchData::responseOf;
 
 namespace {
 
 constexpr qsizetype entryBytes = 1024 * 1024;
 constexpr int entryCount = 256;
-
-QString keyOf(const char *prefix, int index)
-{
-    const QByteArray seed = QByteArray(prefix) + QByteArray::number(index);
-    return QString::fromLatin1(QCryptographicHash::hash(seed, QCryptographicHash::Sha256).toHex());
-}
-
-CloudRangeResponse responseOf(int index)
-{
-    CloudRangeResponse response;
-    response.data = QByteArray(entryBytes, char('a' + index % 26));
-    response.offset = qint64(index) * entryBytes;
-    response.totalSize = qint64(1) << 32;
-    response.statusCode = 206;
-    response.etag = QByteArray("\"0123456789abcdef\"");
-    response.lastModified = QByteArray("Mon, 02 Mar 2026 10:00:00 GMT");
-    response.contentType = QByteArray("image/tiff");
-    response.acceptsRanges = true;
-    return response;
-}
 
 CloudCacheOptions diskOptions(const QString &directory)
 {
@@ -67,15 +45,7 @@ EntryFolder &entryFolder()
     static std::unique_ptr<EntryFolder> folder;
     if (!folder) {
         folder = std::make_unique<EntryFolder>();
-        const qint64 storedAt = QDateTime::currentMSecsSinceEpoch();
-        for (int index = 0; index < entryCount; ++index) {
-            const QString key = keyOf("large", index);
-            const QByteArray entry = encodeCacheDiskEntry(responseOf(index), storedAt);
-            QFile file(QDir(folder->directory.path()).filePath(cacheDiskFileName(key)));
-            if (!file.open(QIODevice::WriteOnly) || file.write(entry) != entry.size())
-                return *folder;
-            folder->keys.push_back(key);
-        }
+        CacheBenchData::writeEntryFiles(folder->directory.path(), "large", entryCount, entryBytes, folder->keys);
     }
     return *folder;
 }
@@ -113,7 +83,7 @@ void diskPutOneMebibyte(benchmark::State &state)
     std::vector<QString> keys;
     for (int index = 0; index < 16; ++index)
         keys.push_back(keyOf("put", index));
-    const CloudRangeResponse response = responseOf(3);
+    const CloudRangeResponse response = responseOf(3, entryBytes);
     size_t next = 0;
     for (auto _ : state) {
         cache.put(keys[next], response);
