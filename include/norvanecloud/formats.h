@@ -6,6 +6,7 @@
 #include <norvanecloud/rangetransport.h>
 
 #include <QList>
+#include <QStringList>
 
 namespace Norvane::Cloud {
 
@@ -60,6 +61,51 @@ struct NORVANECLOUD_EXPORT CogViewportResult {
     qint32 cacheHits = 0;
 };
 
+/// One image file directory (IFD) of a TIFF or BigTIFF object, as the file stores it. Tag values are read when
+/// stored as SHORT, LONG or LONG8; a tag of another type counts as absent. Absent tags take their TIFF default
+/// (photometric, which has none, stays -1).
+struct NORVANECLOUD_EXPORT CogImageMetadata {
+    /// Where the directory starts in the object.
+    qint64 ifdOffset = -1;
+    qint64 width = 0;
+    qint64 height = 0;
+    /// False for an image stored in strips.
+    bool tiled = false;
+    /// The tile size; for strips the image width and the rows per strip (at most the image height).
+    qint64 tileWidth = 0;
+    qint64 tileHeight = 0;
+    qint32 samplesPerPixel = 1;
+    /// One value per sample.
+    QList<qint32> bitsPerSample;
+    /// One value per sample: 1 unsigned integer, 2 signed integer, 3 floating point.
+    QList<qint32> sampleFormat;
+    qint32 compression = 1;
+    qint32 predictor = 1;
+    qint32 photometric = -1;
+    /// 1 samples interleaved per pixel, 2 one plane per sample.
+    qint32 planarConfiguration = 1;
+    /// An overview of the main image.
+    bool reducedResolution = false;
+    /// A transparency mask.
+    bool mask = false;
+    /// One entry per tile or strip, in the file's order (row by row, plane after plane); offset and count 0 mark
+    /// a tile that was never written.
+    QList<qint64> tileOffsets;
+    QList<qint64> tileByteCounts;
+};
+
+/// The image file directories of a TIFF or BigTIFF object, in the order of their chain.
+struct NORVANECLOUD_EXPORT CogStructureResult {
+    /// The object's URL as the inspection reported it (after redirects), or the local file's URL.
+    QUrl url;
+    /// "II" or "MM".
+    QByteArray byteOrder;
+    bool bigTiff = false;
+    qint64 contentLength = -1;
+    /// The main image first; overviews and masks follow as the file chains them.
+    QList<CogImageMetadata> images;
+};
+
 /// Cloud Optimized GeoTIFF access: probe, coalesced viewport reads and GDAL access strings.
 /// Owns one HttpRangeReader on the given cache. Neither copyable nor movable. Operations that touch the network
 /// block and need a Qt application object (see HttpRangeReader).
@@ -91,6 +137,23 @@ public:
     /// GDAL configuration options for COG access over HTTP. Throws std::invalid_argument
     /// "GDAL COG cache size must be positive" when cacheSize is below 1.
     QHash<QByteArray, QByteArray> recommendedGdalOptions(qint64 cacheSize) const;
+
+    /// Reads the header and every image file directory of the object: one HEAD inspection for the length, then
+    /// range reads of aligned 16 KiB blocks (larger tag arrays in one read of their own) through the reader with
+    /// the given headers, so they are cached like every read. Throws std::runtime_error "COG object length is
+    /// unknown" when the inspection gives no length, and std::runtime_error with a sentence naming the fault for
+    /// a header or directory that cannot be read safely (a directory chain that loops or has more than 256
+    /// directories, a directory of more than 65535 entries, counts or offsets outside the object, more than 16 Mi
+    /// tag values in all, missing or inconsistent layout tags); failures of the reader propagate.
+    CogStructureResult structure(const QUrl &url, const QHash<QByteArray, QByteArray> &headers) const;
+    /// The same for a local file, read directly without cache. Throws std::invalid_argument "COG local file could
+    /// not be opened", and the data failures of structure().
+    static CogStructureResult structureOfFile(const QString &path);
+    /// The layout rules of a cloud-optimised file that the structure breaks, each as one fixed sentence in this
+    /// order: main image tiled; an image larger than one tile has overviews; overviews tiled; every directory
+    /// ahead of the image data; overview data ahead of the full-resolution data; the tile offsets of each image
+    /// increasing. Empty when every rule holds. Never throws.
+    static QStringList layoutViolations(const CogStructureResult &structure);
 
 private:
     std::unique_ptr<HttpRangeReader> reader;

@@ -1,11 +1,16 @@
 #include <norvanecloud/formats.h>
 
+#include "formats/coglayout.h"
+#include "formats/cogstructure.h"
 #include "formats/formatsmessages.h"
 #include "formats/gdalaccess.h"
 #include "formats/probecommon.h"
 #include "formats/tiffheader.h"
 #include "formats/viewportplan.h"
 #include "transport/transportmessages.h"
+
+#include <QFile>
+#include <QFileInfo>
 
 #include <stdexcept>
 
@@ -149,6 +154,42 @@ QString CogSource::gdalVirtualPath(const QUrl &url) const
 QHash<QByteArray, QByteArray> CogSource::recommendedGdalOptions(qint64 cacheSize) const
 {
     return recommendedCogGdalOptions(cacheSize);
+}
+
+CogStructureResult CogSource::structure(const QUrl &url, const QHash<QByteArray, QByteArray> &headers) const
+{
+    const CloudResourceMetadata metadata = reader->inspect(url, headers);
+    if (metadata.contentLength < 0)
+        throw std::runtime_error(FormatsMessages::cogLengthUnknown);
+    const auto readRange = [this, &metadata, &headers](qint64 offset, qint64 length) {
+        // Where the inspection ended up, so a redirect is followed once, not on every read.
+        CloudRangeRequest request;
+        request.url = metadata.url;
+        request.offset = offset;
+        request.length = length;
+        request.headers = headers;
+        return reader->read(request).data;
+    };
+    CogStructureResult result = readCogStructure(readRange, metadata.contentLength);
+    result.url = metadata.url;
+    return result;
+}
+
+CogStructureResult CogSource::structureOfFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw std::invalid_argument(FormatsMessages::cogFileNotOpened);
+    CogStructureResult result = readCogStructure(
+        [&file](qint64 offset, qint64 length) { return file.seek(offset) ? file.read(length) : QByteArray(); },
+        file.size());
+    result.url = QUrl::fromLocalFile(QFileInfo(path).absoluteFilePath());
+    return result;
+}
+
+QStringList CogSource::layoutViolations(const CogStructureResult &structure)
+{
+    return cogLayoutViolations(structure);
 }
 
 } // namespace Norvane::Cloud

@@ -44,4 +44,29 @@ inline constexpr char parquetReadable[] = "GeoParquet is range-readable and has 
 inline constexpr char parquetNotReadable[]
     = "GeoParquet requires HTTP byte ranges and valid PAR1 header/footer markers.";
 
+// COG structure: the header and image file directories.
+inline constexpr char cogLengthUnknown[] = "COG object length is unknown";
+inline constexpr char cogFileNotOpened[] = "COG local file could not be opened";
+inline constexpr char tiffReadShort[] = "TIFF object could not be read completely";
+inline constexpr char tiffHeaderInvalid[] = "TIFF header is invalid";
+inline constexpr char tiffNoIfd[] = "TIFF has no image file directory";
+inline constexpr char tiffIfdOutside[] = "TIFF image file directory lies outside the object";
+inline constexpr char tiffIfdLoop[] = "TIFF image file directory chain loops";
+inline constexpr char tiffTooManyIfds[] = "TIFF has more image file directories than supported";
+inline constexpr char tiffIfdTooLarge[] = "TIFF image file directory has more entries than supported";
+inline constexpr char tiffValuesOutside[] = "TIFF tag values lie outside the object";
+inline constexpr char tiffTooManyValues[] = "TIFF tag values exceed the supported total";
+inline constexpr char tiffTagMissing[] = "TIFF image file directory lacks a required tag";
+inline constexpr char tiffImageLayoutInvalid[] = "TIFF image has an invalid size, tile size or number of samples";
+inline constexpr char tiffBlockCountWrong[] = "TIFF tile or strip count does not match the image";
+inline constexpr char tiffDataOutside[] = "TIFF tile or strip data lies outside the object";
+
+// COG layout rules, in the order they are checked.
+inline constexpr char layoutMainNotTiled[] = "Main image is not tiled";
+inline constexpr char layoutNoOverviews[] = "Image larger than one tile has no overviews";
+inline constexpr char layoutOverviewNotTiled[] = "Overview is not tiled";
+inline constexpr char layoutIfdAfterData[] = "Image file directory lies after image data";
+inline constexpr char layoutOverviewDataAfter[] = "Overview data does not lie before full-resolution data";
+inline constexpr char layoutOffsetsUnordered[] = "Tile offsets of an image are not in increasing order";
+
 } // namespace Norvane::Cloud::FormatsMessages
