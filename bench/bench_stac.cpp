@@ -3,7 +3,7 @@
 
 #include <norvanecloud/stac.h>
 
-#include <loopbackhttpserver.h>
+#include <faultserver.h>
 
 #include <QFile>
 #include <QJsonArray>
@@ -63,23 +63,15 @@ BENCHMARK(parseLargePage)->Unit(benchmark::kMillisecond);
 
 void cachedSearch(benchmark::State &state)
 {
-    Testing::LoopbackHttpServer server;
-    if (!server.start()) {
-        state.SkipWithError("loopback server did not start");
-        return;
-    }
     const QByteArray page = readStacFixture("planetary-computer-naip-page1-next-post-token.json");
-    server.setHandler(QStringLiteral("/v1/search"), [page](const Testing::LoopbackRequest &) {
-        Testing::LoopbackResponse response;
-        response.headers.append({ QByteArrayLiteral("Content-Type"), QByteArrayLiteral("application/geo+json") });
-        response.body = page;
-        return response;
+    Testing::FaultServer server([page](const Testing::FaultRequest &) {
+        return Testing::httpReply(200, { { "Content-Type", "application/geo+json" } }, page);
     });
 
     QTemporaryDir folder;
     CloudCacheOptions options;
     options.directory = folder.path();
-    StacClient client(server.url(QStringLiteral("/v1")), std::make_shared<CloudRangeCache>(options));
+    StacClient client(server.url("/v1"), std::make_shared<CloudRangeCache>(options));
     StacSearchRequest request;
     request.collections = QStringList { QStringLiteral("naip") };
     request.limit = 10;
@@ -92,7 +84,6 @@ void cachedSearch(benchmark::State &state)
     if (server.requestCount() != 1)
         state.SkipWithError("a timed search reached the server");
     state.SetBytesProcessed(qint64(state.iterations()) * page.size());
-    server.stop();
 }
 BENCHMARK(cachedSearch)->Unit(benchmark::kMicrosecond);
 

@@ -1,7 +1,12 @@
-#include "fuzzentries.h"
+// The entry points of the fuzz targets, one per parser. Every entry returns normally for any input; a failed check
+// (a wrong answer rather than a crash) aborts with a message, which libFuzzer and the replay of kept inputs both
+// report. Built once per target with NORVANE_FUZZ_ENTRY naming the entry.
 
 #include "flat/flatdocuments.h"
 #include "flat/flatmessages.h"
+#include "formats/coglayout.h"
+#include "formats/cogstructure.h"
+#include "formats/formatsmessages.h"
 #include "formats/pmtilesheader.h"
 #include "formats/tiffheader.h"
 #include "stac/stacmessages.h"
@@ -11,11 +16,14 @@
 #include <norvanecloud/rangetransport.h>
 #include <norvanecloud/stac.h>
 
+#include <QByteArray>
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QUrl>
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +35,13 @@
 namespace Norvane::Cloud::Fuzzing {
 
 namespace {
+
+[[noreturn]] void fail(const char *what, const QByteArray &detail = QByteArray())
+{
+    std::fprintf(stderr, "fuzz check failed: %s %s\n", what, detail.constData());
+    std::fflush(stderr);
+    std::abort();
+}
 
 bool startsWith(const char *text, const char *prefix)
 {
@@ -85,13 +100,6 @@ bool sameResponse(const CloudRangeResponse &left, const CloudRangeResponse &righ
 
 } // namespace
 
-void fail(const char *what, const QByteArray &detail)
-{
-    std::fprintf(stderr, "fuzz check failed: %s %s\n", what, detail.constData());
-    std::fflush(stderr);
-    std::abort();
-}
-
 void tiffHeader(const QByteArray &input)
 {
     for (const bool acceptsRanges : { true, false }) {
@@ -105,6 +113,49 @@ void tiffHeader(const QByteArray &input)
             fail("TIFF probe readable without a valid header");
         if (result.tiffHeaderValid && result.firstIfdOffset < (result.bigTiff ? 16 : 8))
             fail("TIFF header valid with a first IFD inside the header");
+    }
+}
+
+// The object's bytes. The walk may only ask for ranges inside the object and may only fail with its documented
+// messages; what it returns must be safe to index and to judge.
+void cogStructure(const QByteArray &input)
+{
+    const auto read = [&input](qint64 offset, qint64 length) {
+        if (offset < 0 || length < 1 || offset > input.size() - length)
+            fail("COG structure read outside the object");
+        return input.mid(offset, length);
+    };
+    CogStructureResult structure;
+    try {
+        structure = readCogStructure(read, input.size());
+    } catch (const std::runtime_error &error) {
+        const char *documented[] = { FormatsMessages::tiffReadShort, FormatsMessages::tiffHeaderInvalid,
+            FormatsMessages::tiffNoIfd, FormatsMessages::tiffIfdOutside, FormatsMessages::tiffIfdLoop,
+            FormatsMessages::tiffTooManyIfds, FormatsMessages::tiffIfdTooLarge, FormatsMessages::tiffValuesOutside,
+            FormatsMessages::tiffTooManyValues, FormatsMessages::tiffTagMissing,
+            FormatsMessages::tiffImageLayoutInvalid, FormatsMessages::tiffBlockCountWrong,
+            FormatsMessages::tiffDataOutside };
+        for (const char *text : documented) {
+            if (std::strcmp(error.what(), text) == 0)
+                return;
+        }
+        fail("undocumented COG structure failure", error.what());
+    }
+    if (structure.images.isEmpty() || structure.images.size() > cogStructureMaximumImages)
+        fail("COG structure with no or too many images");
+    for (const CogImageMetadata &image : std::as_const(structure.images)) {
+        if (image.tileOffsets.isEmpty() || image.tileOffsets.size() != image.tileByteCounts.size())
+            fail("COG image without matching tile offsets and byte counts");
+        for (qsizetype index = 0; index < image.tileOffsets.size(); ++index) {
+            const qint64 offset = image.tileOffsets[index];
+            const qint64 count = image.tileByteCounts[index];
+            if (offset < 0 || count < 0 || offset > input.size() - count)
+                fail("COG tile outside the object");
+        }
+    }
+    for (const QString &violation : cogLayoutViolations(structure)) {
+        if (violation.isEmpty())
+            fail("empty COG layout violation");
     }
 }
 
@@ -268,37 +319,10 @@ void flatDocuments(const QByteArray &input)
     }
 }
 
-QString targetName(Target target)
-{
-    switch (target) {
-    case Target::TiffHeader:
-        return QStringLiteral("tiffheader");
-    case Target::PmTilesHeader:
-        return QStringLiteral("pmtilesheader");
-    case Target::ItemCollection:
-        return QStringLiteral("itemcollection");
-    case Target::CacheDiskEntry:
-        return QStringLiteral("cachediskentry");
-    case Target::FlatDocuments:
-        return QStringLiteral("flatdocuments");
-    }
-    return QString();
-}
-
-void run(Target target, const QByteArray &input)
-{
-    switch (target) {
-    case Target::TiffHeader:
-        return tiffHeader(input);
-    case Target::PmTilesHeader:
-        return pmTilesHeader(input);
-    case Target::ItemCollection:
-        return itemCollection(input);
-    case Target::CacheDiskEntry:
-        return cacheDiskEntry(input);
-    case Target::FlatDocuments:
-        return flatDocuments(input);
-    }
-}
-
 } // namespace Norvane::Cloud::Fuzzing
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    Norvane::Cloud::Fuzzing::NORVANE_FUZZ_ENTRY(QByteArray(reinterpret_cast<const char *>(data), qsizetype(size)));
+    return 0;
+}

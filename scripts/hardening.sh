@@ -38,38 +38,43 @@ run_asan() {
     configure "$build" -DNORVANE_CLOUD_SANITIZERS="address;undefined" -DNORVANE_CLOUD_WARNINGS_AS_ERRORS=ON
     cmake --build "$build" -j "$jobs"
     stage "AddressSanitizer + UndefinedBehaviorSanitizer: whole suite"
-    # Left out here: flat_c_host_churn checks the resident size, which the sanitizer's own quarantine makes grow
-    # (the same churn runs under LeakSanitizer in tst_flatstress); consumer_installed_package builds host
-    # programs without the sanitizers against the installed library, which the normal run checks. The Python
-    # host is run next, with the runtime preloaded.
-    ctest --test-dir "$build" --output-on-failure -j "$jobs" --timeout 900 \
-        -E '^(flat_c_host_churn|flat_python_host|consumer_installed_package)$'
-    if ctest --test-dir "$build" -N -R '^flat_python_host$' | grep -q 'Total Tests: 1'; then
-        # The interpreter is not instrumented: the runtime must be loaded before it, and its own allocations,
-        # which live until exit by design, are not ours to check for leaks.
-        LD_PRELOAD="$(g++ -print-file-name=libasan.so)" ASAN_OPTIONS="$ASAN_OPTIONS:detect_leaks=0" \
-            ctest --test-dir "$build" --output-on-failure --timeout 900 -R '^flat_python_host$'
-    fi
+    # The installed-package consumer builds host programs without the sanitizers; the normal run checks it.
+    ctest --test-dir "$build" --output-on-failure -j "$jobs" --timeout 900 -E '^consumer_installed_package$'
 }
 
 run_tsan() {
     local build=$prefix-tsan
     stage "ThreadSanitizer: build"
     configure "$build" -DNORVANE_CLOUD_SANITIZERS=thread -DNORVANE_CLOUD_WARNINGS_AS_ERRORS=ON
-    # Only what the tests labelled "concurrency" need: their programs (named like the tests) and the flat
-    # test server that some of them talk to.
+    # Only the programs of the tests labelled "concurrency" (each program is named like its test).
     local targets
     targets=$(ctest --test-dir "$build" -N -L concurrency | sed -n 's/^ *Test *#[0-9]*: *\([A-Za-z0-9_]*\)$/\1/p')
-    local available buildable=(flattestserver)
-    available=$(ninja -C "$build" -t targets all | sed -n 's/^\([A-Za-z0-9_]*\): phony$/\1/p')
-    for target in $targets; do
-        grep -qx "$target" <<<"$available" && buildable+=("$target")
-    done
-    cmake --build "$build" -j "$jobs" --target "${buildable[@]}"
+    cmake --build "$build" -j "$jobs" --target $targets
     stage "ThreadSanitizer: concurrency tests"
     # die_after_fork=0: tests start nginx and server processes with fork and exec from a threaded process.
-    TSAN_OPTIONS="$sanitizer_options:second_deadlock_stack=1:die_after_fork=0:suppressions=$source_dir/tests/hardening/tsan.supp" \
+    TSAN_OPTIONS="$sanitizer_options:second_deadlock_stack=1:die_after_fork=0:suppressions=$source_dir/tests/tsan.supp" \
         ctest --test-dir "$build" --output-on-failure -j "$jobs" --timeout 900 -L concurrency
+}
+
+# Seed corpora from the real files of tests/data, in the input layout of each entry of fuzz/fuzzentries.cpp.
+make_seeds() {
+    local seeds=$1 file
+    rm -rf "$seeds"
+    mkdir -p "$seeds"/{tiffheader,cogstructure,pmtilesheader,itemcollection,cachediskentry,flatdocuments}
+    for file in tests/data/tiff/* tests/data/cogs/*.tif; do
+        head -c 64 "$file" >"$seeds/tiffheader/$(basename "$file")"
+        cp "$file" "$seeds/cogstructure/"
+    done
+    for file in tests/data/pmtiles/*; do
+        # First byte: ranges accepted, remote, content length taken from the input.
+        { printf '\003'; head -c 127 "$file"; } >"$seeds/pmtilesheader/$(basename "$file")"
+    done
+    for file in tests/data/stac/*.json; do
+        { echo "https://catalog.example/api/search"; cat "$file"; } >"$seeds/itemcollection/$(basename "$file")"
+    done
+    printf '\000{"directory":"/tmp/x","maximumMemoryBytes":1024,"diskEnabled":false}' >"$seeds/flatdocuments/options"
+    printf '\001{"Authorization":"Bearer token"}' >"$seeds/flatdocuments/headers"
+    printf '\003{"collections":["naip"],"bbox":[-110,39,-105,41],"limit":2}' >"$seeds/flatdocuments/search"
 }
 
 run_fuzz() {
@@ -79,12 +84,9 @@ run_fuzz() {
         -DNORVANE_CLOUD_SANITIZERS="address;undefined" -DNORVANE_CLOUD_BUILD_FUZZERS=ON \
         -DNORVANE_CLOUD_BUILD_TESTS=OFF -DNORVANE_CLOUD_BUILD_TOOLS=OFF -DNORVANE_CLOUD_BUILD_EXAMPLES=OFF \
         -DNORVANE_CLOUD_WARNINGS_AS_ERRORS=ON
-    local targets=(tiffheader pmtilesheader itemcollection cachediskentry flatdocuments)
-    cmake --build "$build" -j "$jobs" --target makeseeds "${targets[@]/#/fuzz_}"
-    rm -rf "$build/seeds"
-    # clang's shared sanitizer runtime is a dependency of every program here, but libstdc++ is loaded before it;
-    # nothing runs in between that the runtime would need to see.
-    ASAN_OPTIONS="$ASAN_OPTIONS:verify_asan_link_order=0" "$build/fuzz/makeseeds" tests/data "$build/seeds"
+    local targets=(tiffheader cogstructure pmtilesheader itemcollection cachediskentry flatdocuments)
+    cmake --build "$build" -j "$jobs" --target "${targets[@]/#/fuzz_}"
+    make_seeds "$build/seeds"
     local failed=0
     for target in "${targets[@]}"; do
         stage "libFuzzer: $target for $fuzz_seconds s"
@@ -95,13 +97,14 @@ run_fuzz() {
         # The corpus grown by earlier runs is kept in the build folder; the seeds start every run.
         if ASAN_OPTIONS="$ASAN_OPTIONS:verify_asan_link_order=0" "$build/fuzz/fuzz_$target" \
             -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-            "${dictionary[@]}" -artifact_prefix="$artifacts/" "$corpus" "$build/seeds/$target" >"$log" 2>&1; then
+            "${dictionary[@]}" -artifact_prefix="$artifacts/" "$corpus" "$build/seeds/$target" \
+            "fuzz/regressions/$target" >"$log" 2>&1; then
             echo "$target: $(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$') executions," \
                 "$(grep -o 'stat::peak_rss_mb: *[0-9]*' "$log" | grep -o '[0-9]*$') MB peak, no crash"
         else
             failed=1
             tail -n 60 "$log"
-            echo "$target: CRASH; inputs in $artifacts (keep them in tests/hardening/regressions/$target/ once fixed)"
+            echo "$target: CRASH; inputs in $artifacts (keep them in fuzz/regressions/$target/ once fixed)"
         fi
     done
     return $failed

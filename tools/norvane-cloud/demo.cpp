@@ -1,9 +1,9 @@
 #include "demo.h"
 
+#include "demoserver.h"
 #include "flatclient.h"
 #include "output.h"
 
-#include <loopbackhttpserver.h>
 #include <norvanecloud/formats.h>
 #include <norvanecloud/stac.h>
 
@@ -16,7 +16,6 @@
 namespace NorvaneCloudTool {
 
 using namespace Norvane::Cloud;
-using Norvane::Cloud::Testing::LoopbackHttpServer;
 
 namespace {
 
@@ -37,7 +36,7 @@ QByteArray resource(const QString &name)
 
 // Points the page's links at the sample server and every TIFF asset at the bundled COG, so that following a
 // next page, resolving a layer and probing it all stay on loopback.
-QByteArray pageForSampleServer(const QByteArray &recorded, const LoopbackHttpServer &server)
+QByteArray pageForSampleServer(const QByteArray &recorded, const DemoServer &server)
 {
     const QString serverRoot = server.url(catalogPath).toString();
     QJsonObject page = QJsonDocument::fromJson(recorded).object();
@@ -66,21 +65,20 @@ QByteArray pageForSampleServer(const QByteArray &recorded, const LoopbackHttpSer
     return QJsonDocument(page).toJson(QJsonDocument::Compact);
 }
 
-void serveSamples(LoopbackHttpServer &server)
+void serveSamples(DemoServer &server)
 {
-    server.serveBytes(cogPath, resource(QStringLiteral("demo-cog.tif")));
-    server.serveBytes(pmTilesPath, resource(QStringLiteral("demo.pmtiles")));
-    server.serveBytes(parquetPath, resource(QStringLiteral("demo-countries.parquet")));
+    server.serveObject(cogPath, resource(QStringLiteral("demo-cog.tif")), QByteArrayLiteral("image/tiff"));
+    server.serveObject(
+        pmTilesPath, resource(QStringLiteral("demo.pmtiles")), QByteArrayLiteral("application/vnd.pmtiles"));
+    server.serveObject(parquetPath, resource(QStringLiteral("demo-countries.parquet")),
+        QByteArrayLiteral("application/vnd.apache.parquet"));
     const QByteArray firstPage = pageForSampleServer(resource(QStringLiteral("stac-page1.json")), server);
     const QByteArray secondPage = pageForSampleServer(resource(QStringLiteral("stac-page2.json")), server);
     // The recorded API pages by a token in the POST body of the next link.
-    server.setHandler(
-        catalogPath + QStringLiteral("/search"), [firstPage, secondPage](const LoopbackHttpServer::Request &request) {
-            LoopbackHttpServer::Response response;
-            response.headers.append({ QByteArrayLiteral("Content-Type"), QByteArrayLiteral("application/geo+json") });
-            const QJsonObject body = QJsonDocument::fromJson(request.body).object();
-            response.body = body.contains(QStringLiteral("token")) ? secondPage : firstPage;
-            return response;
+    server.serveComputed(catalogPath + QStringLiteral("/search"), QByteArrayLiteral("application/geo+json"),
+        [firstPage, secondPage](const QByteArray &requestBody) {
+            const QJsonObject body = QJsonDocument::fromJson(requestBody).object();
+            return body.contains(QStringLiteral("token")) ? secondPage : firstPage;
         });
 }
 
@@ -118,7 +116,7 @@ private:
 int runDemo(const GlobalOptions &global, Console &console)
 {
     QTextStream &out = console.out;
-    LoopbackHttpServer server;
+    DemoServer server;
     if (!server.start())
         throw std::runtime_error(
             QStringLiteral("the sample server could not start: %1").arg(server.errorString()).toStdString());

@@ -1,0 +1,172 @@
+// The norvane-cloud tool run as a user runs it, against nginx serving the test data.
+#include <nginxserver.h>
+#include <norvanecloud/flat.h>
+
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+#include <vector>
+
+using FlatProbe = int32_t (*)(NorvaneCloudClient *, const char16_t *, const char16_t *, char16_t *, int32_t);
+
+class ToolTest : public QObject {
+    Q_OBJECT
+
+    Norvane::Cloud::Testing::NginxServer server { QStringLiteral(NORVANE_TEST_DATA_DIR) };
+    QTemporaryDir scratch;
+
+    struct Run {
+        int exitCode;
+        QByteArray out;
+        QString err;
+    };
+
+    // %u is the server's root URL, %d the test data folder, %c a cache folder of this run.
+    QString expand(QString text) const
+    {
+        return text.replace(QLatin1String("%u"), server.url(QString()).toString())
+            .replace(QLatin1String("%d"), QStringLiteral(NORVANE_TEST_DATA_DIR))
+            .replace(QLatin1String("%c"), scratch.filePath(QStringLiteral("cache")));
+    }
+
+    Run run(const QString &commandLine) const
+    {
+        QStringList arguments;
+        for (const QString &word : commandLine.split(QLatin1Char(' '), Qt::SkipEmptyParts))
+            arguments.append(expand(word));
+        QProcess process;
+        process.start(QStringLiteral(NORVANE_CLOUD_TOOL), arguments);
+        process.waitForFinished(-1);
+        const int exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        return { exitCode, process.readAllStandardOutput(), QString::fromUtf8(process.readAllStandardError()) };
+    }
+
+    static void row(const char *name, const char *arguments, int exitCode, const char *expected)
+    {
+        QTest::newRow(name) << QString::fromUtf8(arguments) << exitCode << QString::fromUtf8(expected);
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(scratch.isValid());
+        // The tool's default cache folder lands in the scratch folder, never in the user's.
+        qputenv("XDG_CACHE_HOME", scratch.path().toUtf8());
+        QVERIFY2(server.start(), qPrintable(server.errorString()));
+    }
+
+    // Success prints on standard output; a failure (1) prints the library's message and a usage error (2) the
+    // usage, both on standard error.
+    void commandLine_data()
+    {
+        QTest::addColumn<QString>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("expected");
+        const char *cog = "probe %u/tiff/cog-ghost-header-deflate-2ifd.tif";
+        row("cog facts", cog, 0, "url                   %u/tiff/cog-ghost-header-deflate-2ifd.tif\ncontent length  ");
+        row("cog diagnostic last", cog, 0,
+            "cloud readable        yes\ndiagnostic            TIFF is range-readable and its first IFD is near the "
+            "start.\n");
+        row("pmtiles", "probe %u/pmtiles/test-fixture-1-mvt-z0.pmtiles", 0,
+            "tile type       1 (vector)\nzoom            0 to 0\nroot directory  offset 127, length 25\n");
+        row("local pmtiles", "probe %d/pmtiles/test-fixture-1-mvt-z0.pmtiles", 0,
+            "diagnostic      PMTiles v3 vector archive is local range-readable; directory offsets are valid.\n");
+        row("parquet", "probe %u/parquet/geoparquet-v1.1.0-example-countries.parquet", 0,
+            "header marker   yes\nfooter marker   yes\ncloud readable  yes\n");
+        row("gdal-path", "gdal-path https://example.com/scene.tif", 0, "/vsicurl/https://example.com/scene.tif\n");
+        row("gdal-options", "gdal-options --cache-size 1048576", 0,
+            "--config CPL_VSIL_CURL_ALLOWED_EXTENSIONS .tif,.tiff --config CPL_VSIL_CURL_CACHE_SIZE 1048576 --config "
+            "GDAL_DISABLE_READDIR_ON_OPEN EMPTY_DIR --config VSI_CACHE FALSE\n");
+        row("missing object", "read %u/missing.bin 0 10", 1, "HTTP request failed (404): ");
+        row("negative offset", "read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff -5 10", 1,
+            "Cloud range offset cannot be negative\n");
+        row("no local archive", "probe /nonexistent/a.pmtiles", 1, "PMTiles local archive does not exist\n");
+        row("no command", "", 2, "Usage: norvane-cloud COMMAND [options]\n");
+        row("unknown command", "fly", 2, "norvane-cloud: unknown command \"fly\"\n\nUsage: norvane-cloud COMMAND");
+        row("missing argument", "read http://x/a", 2, "norvane-cloud: missing argument\n\nUsage: norvane-cloud read");
+        row("unknown option", "probe a.tif --fast", 2,
+            "norvane-cloud: unknown option --fast\n\nUsage: norvane-cloud probe");
+        row("not a number", "read http://x/a zero 1", 2, "norvane-cloud: OFFSET must be a whole number, got \"zero\"");
+        row("unknown format", "probe http://x/a.bin", 2, "cannot tell the format of http://x/a.bin from its name;");
+        row("layer without item", "stac layer http://x/", 2,
+            "norvane-cloud: --item N is required\n\nUsage: norvane-cloud stac layer");
+        row("zero time-out", "--timeout 0 demo", 2, "--timeout must be a positive number of milliseconds\n");
+        for (const char *command : { "probe", "read", "viewport", "stac search", "stac layer", "gdal-path",
+                 "gdal-options", "cache stats", "cache clear", "demo" }) {
+            const QString help = QString::fromLatin1(command) + QStringLiteral(" --help");
+            QTest::newRow(qPrintable(help)) << help << 0 << QStringLiteral("Usage: norvane-cloud ") + help.chopped(7);
+        }
+        row("demo from the cache", "demo", 0,
+            "cache hits        1\nHTTP requests made: 0\n\n== 6. Search the STAC catalogue");
+        row("demo next page", "demo", 0, "\nmt_m_4511355_sw_12_060_20231117_20240103  naip  ");
+        row("demo to the end", "demo", 0, "TIFF is range-readable and its first IFD is near the start.\n\n== 9. GDAL");
+        row("demo finished", "demo", 0, "\n\nDemo finished; the sample server has stopped.\n");
+    }
+
+    void commandLine()
+    {
+        QFETCH(QString, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(QString, expected);
+        const Run result = run(arguments);
+        QCOMPARE(result.exitCode, exitCode);
+        const QString output = exitCode == 0 ? QString::fromUtf8(result.out) : result.err;
+        QVERIFY2(output.contains(expand(expected)), qPrintable(output));
+    }
+
+    void probeJsonIsTheFlatDocument()
+    {
+        const QString options = QStringLiteral("{\"directory\":\"%1\"}").arg(scratch.filePath(QStringLiteral("flat")));
+        const std::unique_ptr<NorvaneCloudClient, void (*)(NorvaneCloudClient *)> client(
+            NorvaneCloud_CreateClient(reinterpret_cast<const char16_t *>(options.utf16())), NorvaneCloud_DestroyClient);
+        const std::pair<const char *, FlatProbe> probes[] = {
+            { "%u/tiff/geotiff-strip-51px-ifd-at-8.tif", NorvaneCloud_CogProbeJson },
+            { "%d/pmtiles/stamen-toner-raster-png-z0-3.pmtiles", NorvaneCloud_PmTilesInspectJson },
+            { "%u/parquet/plain-alltypes-not-geo.parquet", NorvaneCloud_GeoParquetProbeJson },
+        };
+        for (const auto &[location, probe] : probes) {
+            const QString url = expand(QString::fromUtf8(location));
+            const auto *text = reinterpret_cast<const char16_t *>(url.utf16());
+            std::vector<char16_t> document(size_t(qMax(probe(client.get(), text, nullptr, nullptr, 0), 0)) + 1);
+            const int32_t length = probe(client.get(), text, nullptr, document.data(), int32_t(document.size()));
+            QVERIFY2(length > 0, location);
+            QCOMPARE(run(QStringLiteral("probe %1 --json").arg(url)).out,
+                QString::fromUtf16(document.data(), length).toUtf8() + '\n');
+        }
+    }
+
+    void readWritesExactlyTheRange()
+    {
+        QFile original(expand(QStringLiteral("%d/tiff/bigtiff-cog-le-ifd-at-16.tiff")));
+        QVERIFY(original.open(QIODevice::ReadOnly));
+        const QByteArray bytes = original.readAll();
+        QCOMPARE(run(QStringLiteral("read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff 100 37")).out, bytes.mid(100, 37));
+        const Run toFile = run(QStringLiteral("read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff 1000 4096 -o %c.bin"));
+        QCOMPARE(toFile.err,
+            expand(QStringLiteral("wrote 4096 bytes to %c.bin (from the network, HTTP 206, object size 394592)\n")));
+        QFile written(expand(QStringLiteral("%c.bin")));
+        QVERIFY(written.open(QIODevice::ReadOnly));
+        QCOMPARE(written.readAll(), bytes.mid(1000, 4096));
+    }
+
+    // The disk cache outlives the process: a second run finds every merged range, until the cache is cleared.
+    void cacheAcrossRuns()
+    {
+        const QString viewport = QStringLiteral("viewport %u/tiff/cog-ghost-header-deflate-2ifd.tif --range 5807:4881 "
+                                                "--range 10696:3470 --range 17632:2075 --gap 0 --cache-dir %c");
+        QVERIFY(run(viewport).out.endsWith("requested ranges  3\nmerged ranges     3\nrequested bytes   10426\n"
+                                           "bytes read        10426\ncache hits        0\n"));
+        QVERIFY(run(viewport).out.endsWith("cache hits        3\n"));
+        QVERIFY(run(QStringLiteral("cache stats --cache-dir %c"))
+                    .out.contains(expand("folder                   %c\n").toUtf8()));
+        const QByteArray cleared = run(QStringLiteral("cache clear --cache-dir %c")).out;
+        QVERIFY2(cleared.startsWith("cleared ") && !cleared.startsWith("cleared 0 "), cleared.constData());
+        QVERIFY(cleared.endsWith(expand(QStringLiteral(" bytes of entry files in %c\n")).toUtf8()));
+        QVERIFY(run(QStringLiteral("cache stats --json --cache-dir %c")).out.contains("\"diskBytes\":0,"));
+    }
+};
+
+QTEST_GUILESS_MAIN(ToolTest)
+#include "tst_tool.moc"
