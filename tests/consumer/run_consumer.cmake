@@ -32,15 +32,18 @@ run_checked(${WORK_DIR}/c-host/norvane-c-host ${SAMPLE} ${WORK_DIR}/cache-c)
 expect_output_contains("\"tileKind\":\"vector\"")
 expect_output_contains("\"remote\":false")
 
-# The same C host built with nothing but pkg-config and the C compiler.
+# The same C host built with nothing but pkg-config and the C compiler, on a machine without Qt's development
+# files (only our own .pc file is visible), found at run time through the rpath it was linked with.
 file(GLOB pkgconfig_dirs ${prefix}/lib*/pkgconfig ${prefix}/lib/*/pkgconfig)
-set(ENV{PKG_CONFIG_PATH} "${pkgconfig_dirs}")
-run_checked(pkg-config --cflags --libs norvanecloud)
-string(STRIP "${last_output}" flags)
-separate_arguments(flags UNIX_COMMAND "${flags}")
-run_checked(cc -std=c11 -Wall -Wextra -Werror ${NORVANE_SOURCE_DIR}/examples/c-host/main.c ${flags}
-    -o ${WORK_DIR}/c-host-pkgconfig)
-get_filename_component(libdir "${pkgconfig_dirs}" DIRECTORY)
-set(ENV{LD_LIBRARY_PATH} "${libdir}")
+set(ENV{PKG_CONFIG_LIBDIR} "${pkgconfig_dirs}")
+run_checked(pkg-config --libs norvanecloud)
+string(STRIP "${last_output}" libs)
+run_checked(pkg-config --variable=includedir norvanecloud)
+string(STRIP "${last_output}" includedir)
+run_checked(pkg-config --variable=libdir norvanecloud)
+string(STRIP "${last_output}" libdir)
+separate_arguments(libs UNIX_COMMAND "${libs}")
+run_checked(cc -std=c11 -Wall -Wextra -Werror ${NORVANE_SOURCE_DIR}/examples/c-host/main.c -I${includedir} ${libs}
+    -Wl,-rpath,${libdir} -o ${WORK_DIR}/c-host-pkgconfig)
 run_checked(${WORK_DIR}/c-host-pkgconfig ${SAMPLE} ${WORK_DIR}/cache-pc)
 expect_output_contains("\"tileKind\":\"vector\"")
