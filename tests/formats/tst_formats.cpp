@@ -1,8 +1,9 @@
-// The format sources. Header rules, the viewport reading plan and the GDAL strings are pure functions; probes and
-// reads go to the real files in tests/data served by nginx, and to a scripted server for answers nginx never gives.
-// Results are compared as one line of words, so a failing row shows everything that differs.
+// The format sources. Header rules, the viewport reading plan, the GDAL strings and the TIFF directory walk are pure
+// functions; probes and reads go to the real files in tests/data served by nginx, and to a scripted server for answers
+// nginx never gives. Results are compared as one line of words, so a failing row shows everything that differs.
 
 #include "faultserver.h"
+#include "formats/cogstructure.h"
 #include "formats/pmtilesheader.h"
 #include "formats/tiffheader.h"
 #include "formats/viewportplan.h"
@@ -10,12 +11,10 @@
 
 #include <norvanecloud/formats.h>
 
+#include <QDataStream>
 #include <QDir>
 #include <QFile>
-#include <QTemporaryDir>
 #include <QTest>
-
-#include <functional>
 
 using namespace Norvane::Cloud;
 using namespace Norvane::Cloud::Testing;
@@ -26,279 +25,380 @@ Q_DECLARE_METATYPE(Call)
 
 // A row's call runs when the row runs, so that what it throws becomes the row's outcome.
 #define ROW(name, call, expected) QTest::newRow(name) << Call([=] { return call; }) << QString(expected)
-
-namespace {
-
-const QString atStart = QStringLiteral("TIFF is range-readable and its first IFD is near the start.");
-const QString notAtStart
-    = QStringLiteral("TIFF is range-readable, but its first IFD is not near the start; COG layout is unlikely.");
-const QString invalidIfd = QStringLiteral("TIFF header contains an invalid first IFD offset.");
-const QString unsupported = QStringLiteral("Not a supported TIFF or BigTIFF stream.");
-const QString pmNotReadable = QStringLiteral("PMTiles requires HTTP byte ranges and a valid v3 archive header.");
-const QString parquetReadable = QStringLiteral("GeoParquet is range-readable and has valid Parquet boundary markers.");
-const QString parquetNotReadable
-    = QStringLiteral("GeoParquet requires HTTP byte ranges and valid PAR1 header/footer markers.");
-
-QString dataPath(const QString &relativePath)
-{
-    return QStringLiteral(NORVANE_TEST_DATA_DIR "/") + relativePath;
-}
-
-QByteArray dataBytes(const QString &relativePath)
-{
-    QFile file(dataPath(relativePath));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-// The call's text, or the message of what it threw.
-QString outcome(const Call &call)
-{
-    try {
-        return call();
-    } catch (const std::exception &error) {
-        return QString::fromUtf8(error.what());
-    }
-}
-
-QString flag(bool on, const QString &word)
-{
-    return on && !word.isEmpty() ? QLatin1Char(' ') + word : QString();
-}
-
-QString facts(const CogProbeResult &r)
-{
-    return (r.byteOrder.isEmpty() ? "--" : r.byteOrder) + flag(r.bigTiff, "BigTIFF")
-        + " ifd=" + QString::number(r.firstIfdOffset) + flag(r.tiffHeaderValid, "valid")
-        + flag(r.firstIfdNearStart, "near") + flag(r.cloudReadable, "readable") + ": " + r.diagnostic;
-}
-
-QString facts(const PmTilesProbeResult &r)
-{
-    QString text = QStringLiteral("%1 v%2").arg(r.contentLength).arg(r.specificationVersion);
-    for (const qint64 value : { r.rootDirectoryOffset, r.rootDirectoryLength, r.metadataOffset, r.metadataLength,
-             r.tileDataOffset, r.tileDataLength })
-        text += QLatin1Char(' ') + QString::number(value);
-    return text + QStringLiteral(" t%1 z%2-%3").arg(r.tileType).arg(r.minimumZoom).arg(r.maximumZoom)
-        + flag(true, r.tileKind) + flag(r.headerValid, "valid") + flag(r.cloudReadable, "readable") + ": "
-        + r.diagnostic;
-}
-
-QString facts(const GeoParquetProbeResult &r)
-{
-    return QString::number(r.contentLength) + flag(r.headerValid, "header") + flag(r.footerValid, "footer")
-        + flag(r.cloudReadable, "readable") + ": " + r.diagnostic;
-}
-
-QString tiffHeader(const char *hex, qint64 contentLength = 99999, bool acceptsRanges = true)
-{
-    CogProbeResult result;
-    result.contentLength = contentLength;
-    result.acceptsRanges = acceptsRanges;
-    applyTiffHeader(result, QByteArray::fromHex(hex));
-    return facts(result);
-}
-
-// "magic version rootOffset rootLength metadataOffset metadataLength tileOffset tileLength tileType minZoom maxZoom"
-// of a remote archive. Bytes the probe does not read hold a pattern, so a read at a wrong position shows.
-QString pmTilesHeader(const QString &fields, qint64 contentLength = 466, bool acceptsRanges = true)
-{
-    const QStringList words = fields.split(QLatin1Char(' '));
-    QByteArray bytes(127, '\xa5');
-    bytes.replace(0, 7, words[0].toLatin1());
-    const int positions[] = { 7, 8, 16, 24, 32, 56, 64, 99, 100, 101 };
-    for (int field = 0; field < 10; ++field) {
-        for (int index = 0; index < (field == 0 || field > 6 ? 1 : 8); ++index)
-            bytes[positions[field] + index] = char(words[field + 1].toULongLong() >> (8 * index));
-    }
-    PmTilesProbeResult result;
-    result.contentLength = contentLength;
-    result.acceptsRanges = acceptsRanges;
-    result.remote = true;
-    applyPmTilesHeader(result, bytes);
-    return facts(result);
-}
-
-// "offset+length" per range, separated by spaces.
-QList<CogByteRange> parsedRanges(const QString &text)
-{
-    QList<CogByteRange> ranges;
-    for (const QString &range : text.split(QLatin1Char(' '), Qt::SkipEmptyParts))
-        ranges.append({ range.section(QLatin1Char('+'), 0, 0).toLongLong(), range.section('+', 1).toLongLong() });
-    return ranges;
-}
-
-QString plan(const QString &ranges, qint64 coalesceGap)
-{
-    validateByteRanges(parsedRanges(ranges));
-    QStringList merged;
-    for (const CogByteRange &range : coalesceByteRanges(parsedRanges(ranges), coalesceGap))
-        merged << QStringLiteral("%1+%2").arg(range.offset).arg(range.length);
-    return merged.join(QLatin1Char(' '));
-}
-
-// "/<mode>/<name>" serves the data file of that name, or the name's own bytes when there is none: honestly
-// ("ranges"), with 206 answers but no Accept-Ranges ("silent"), or always whole and without Accept-Ranges ("whole").
-FaultReply faultyObject(const FaultRequest &request)
-{
-    const QString mode = QString::fromLatin1(request.target).section(QLatin1Char('/'), 1, 1);
-    const QString name = QString::fromLatin1(request.target).section(QLatin1Char('/'), 2);
-    FaultRequest asked = request;
-    if (mode == QLatin1String("whole"))
-        asked.headers.clear();
-    FaultReply reply = objectReply(asked, QFile::exists(dataPath(name)) ? dataBytes(name) : name.toLatin1());
-    if (mode != QLatin1String("ranges"))
-        reply.bytes.replace("Accept-Ranges: bytes\r\n", "");
-    return reply;
-}
-
-} // namespace
+#define TABLE (QTest::addColumn<Call>("call"), QTest::addColumn<QString>("expected"))
+// QFETCH declares a variable; reading the cell directly keeps the check one expression.
+#define CHECK QTEST(outcome(*static_cast<const Call *>(QTest::qData("call", qMetaTypeId<Call>()))), "expected")
 
 class FormatsTest : public QObject {
     Q_OBJECT
 
-    QTemporaryDir cacheFolder;
     std::shared_ptr<CloudRangeCache> cache;
     NginxServer nginx { QStringLiteral(NORVANE_TEST_DATA_DIR) };
     FaultServer fault { faultyObject };
 
-    static void columns()
+    static inline const QString nearStart = "TIFF is range-readable and its first IFD is near the start.";
+    static inline const QString farFromStart
+        = "TIFF is range-readable, but its first IFD is not near the start; COG layout is unlikely.";
+    static inline const QString badIfd = "TIFF header contains an invalid first IFD offset.";
+    static inline const QString notTiff = "Not a supported TIFF or BigTIFF stream.";
+    static inline const QString noRanges = "Server does not advertise HTTP byte-range support.";
+    static inline const QString pmBad = "PMTiles requires HTTP byte ranges and a valid v3 archive header.";
+    static inline const QString pmGood = " archive is %1 range-readable; directory offsets are valid.";
+    static inline const QString pqGood = "GeoParquet is range-readable and has valid Parquet boundary markers.";
+    static inline const QString pqBad = "GeoParquet requires HTTP byte ranges and valid PAR1 header/footer markers.";
+
+    // The call's text, or the message of what it threw.
+    static QString outcome(const Call &call)
     {
-        QTest::addColumn<Call>("call");
-        QTest::addColumn<QString>("expected");
-    }
-    static void check()
-    {
-        QFETCH(Call, call);
-        QTEST(outcome(call), "expected");
+        try {
+            return call();
+        } catch (const std::exception &error) {
+            return QString::fromUtf8(error.what());
+        }
     }
 
-    // The COG refusal; the other two sources must answer alike, saying "Cloud object URL" where COG says "COG URL".
-    QString virtualPath(const QString &url) const
+    static QString dataPath(const QString &name) { return QStringLiteral(NORVANE_TEST_DATA_DIR "/") + name; }
+    static QString flag(bool on, const QString &word) { return on && !word.isEmpty() ? ' ' + word : QString(); }
+
+    static QByteArray dataBytes(const QString &name)
     {
-        const QString cog = outcome([&] { return CogSource(cache).gdalVirtualPath(QUrl(url)); });
-        const QStringList others { outcome([&] { return PmTilesSource(cache).gdalVirtualPath(QUrl(url)); }),
-            outcome([&] { return GeoParquetSource(cache).gdalVirtualPath(QUrl(url)); }) };
-        const QString expected = QString(cog).replace(QStringLiteral("COG URL"), QStringLiteral("Cloud object URL"));
-        return others.count(expected) == 2 ? cog : others.join(QLatin1Char('\n'));
+        QFile file(dataPath(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
-    QString gdalOptions(qint64 cacheSize) const
+    static QString numbers(const QList<qint64> &values, char separator = ' ')
     {
-        QStringList pairs;
-        const QHash<QByteArray, QByteArray> options = CogSource(cache).recommendedGdalOptions(cacheSize);
-        for (auto option = options.cbegin(); option != options.cend(); ++option)
-            pairs << QString::fromLatin1(option.key() + '=' + option.value());
-        pairs.sort();
-        return pairs.join(QLatin1Char(' '));
+        QStringList texts;
+        for (const qint64 value : values)
+            texts.append(QString::number(value));
+        return texts.join(QLatin1Char(separator));
     }
 
-    // Paths under /ranges/, /silent/ and /whole/ go to the scripted server, which also counts the requests.
-    template <typename Source> QString probed(const QString &path) const
+    static QString facts(const CogProbeResult &r)
+    {
+        return (r.byteOrder.isEmpty() ? "--" : r.byteOrder) + flag(r.bigTiff, "BigTIFF") + ' '
+            + QString::number(r.firstIfdOffset) + flag(r.tiffHeaderValid, "valid") + flag(r.firstIfdNearStart, "near")
+            + flag(r.cloudReadable, "readable") + ": " + r.diagnostic;
+    }
+
+    static QString facts(const PmTilesProbeResult &r)
+    {
+        return numbers({ r.contentLength, r.specificationVersion, r.rootDirectoryOffset, r.rootDirectoryLength,
+                   r.metadataOffset, r.metadataLength, r.tileDataOffset, r.tileDataLength, r.tileType, r.minimumZoom,
+                   r.maximumZoom })
+            + flag(true, r.tileKind) + flag(r.headerValid, "valid") + flag(r.cloudReadable, "readable") + ": "
+            + r.diagnostic;
+    }
+
+    static QString facts(const GeoParquetProbeResult &r)
+    {
+        return QString::number(r.contentLength) + flag(r.headerValid, "header") + flag(r.footerValid, "footer")
+            + flag(r.cloudReadable, "readable") + ": " + r.diagnostic;
+    }
+
+    // The images in the columns of the GDAL table after the file name, the image index shown as overview or not.
+    static QString describe(const CogStructureResult &structure)
+    {
+        QStringList images;
+        for (const CogImageMetadata &i : structure.images)
+            images << QString::number(i.reducedResolution) + '\t' + structure.byteOrder
+                    + (structure.bigTiff ? " BigTIFF\t" : " classic\t")
+                    + numbers({ i.ifdOffset, i.width, i.height, i.samplesPerPixel, i.bitsPerSample.value(0),
+                                  i.sampleFormat.value(0), i.compression, i.predictor, i.photometric,
+                                  i.planarConfiguration, i.tileWidth, i.tileHeight },
+                        '\t')
+                    + '\t' + numbers(i.tileOffsets, ',') + '\t' + numbers(i.tileByteCounts, ',');
+        return images.join(QLatin1Char('\n'));
+    }
+
+    static QString walk(const QByteArray &bytes)
+    {
+        return describe(readCogStructure([bytes](qint64 at, qint64 n) { return bytes.mid(at, n); }, bytes.size()));
+    }
+
+    // A little-endian classic TIFF of one-byte 1 x 1 images, each in one strip (54 bytes of directory, the first at
+    // 8), the entry at index replaced, added at the end or removed when entry is empty; the last directory links to
+    // next.
+    static QByteArray tiff(int index = -1, const QList<quint32> &entry = {}, quint32 next = 0, int directories = 1)
+    {
+        QList<QList<quint32>> entries { { 256, 3, 1, 1 }, { 257, 3, 1, 1 }, { 273, 4, 1, 8 }, { 279, 4, 1, 1 } };
+        if (index >= 0 && entry.isEmpty())
+            entries.removeAt(index);
+        else if (index >= 0)
+            index < entries.size() ? void(entries[index] = entry) : entries.append(entry);
+        QByteArray bytes;
+        QDataStream out(&bytes, QIODevice::WriteOnly);
+        out.setByteOrder(QDataStream::LittleEndian);
+        out << quint16(0x4949) << quint16(42) << quint32(8);
+        for (int directory = 1; directory <= directories; ++directory) {
+            out << quint16(entries.size());
+            for (const QList<quint32> &e : entries)
+                out << quint16(e[0]) << quint16(e[1]) << e[2] << e[3];
+            out << (directory < directories ? quint32(bytes.size() + 4) : next);
+        }
+        return bytes;
+    }
+
+    // The layout rules a file breaks after the change to its images (of the valid COG: main image, overviews 1 and 2).
+    static QString violations(const std::function<void(QList<CogImageMetadata> &)> &change,
+        const QString &file = QStringLiteral("cogs/cog-be-deflate-overviews.tif"))
+    {
+        CogStructureResult cog = CogSource::structureOfFile(dataPath(file));
+        change ? change(cog.images) : void();
+        return CogSource::layoutViolations(cog).join(QLatin1Char('\n'));
+    }
+
+    // The first bytes of an object of contentLength bytes (-1: unknown), served without ranges when the length is
+    // given below -1.
+    static QString tiffHead(const char *hex, qint64 contentLength = 99999)
+    {
+        CogProbeResult result;
+        result.contentLength = contentLength < -1 ? -contentLength : contentLength;
+        result.acceptsRanges = contentLength >= -1;
+        applyTiffHeader(result, QByteArray::fromHex(hex));
+        return facts(result);
+    }
+
+    // "version rootOffset rootLength metadataOffset metadataLength tileOffset tileLength tileType minZoom maxZoom" of
+    // a remote archive; "=" stands for these fields read back as given. Bytes the probe does not read hold a
+    // pattern, so a read at a wrong place shows.
+    static QString pmHead(const char *fields, qint64 contentLength = 466)
+    {
+        const QList<QByteArray> words = ("PMTiles " + QByteArray(fields)).split(' ');
+        QByteArray bytes = words[0] + QByteArray(120, '\xa5');
+        const int positions[] = { 7, 8, 16, 24, 32, 56, 64, 99, 100, 101 };
+        for (int field = 0; field < 10; ++field)
+            for (int index = 0; index < (field == 0 || field > 6 ? 1 : 8); ++index)
+                bytes[positions[field] + index] = char(words[field + 1].toULongLong() >> (8 * index));
+        PmTilesProbeResult result;
+        result.contentLength = contentLength;
+        result.acceptsRanges = result.remote = true;
+        applyPmTilesHeader(result, bytes);
+        return facts(result).replace(' ' + QString(fields) + ' ', " = ");
+    }
+
+    // "offset+length" per range, separated by spaces.
+    static QList<CogByteRange> parsedRanges(const QString &text)
+    {
+        QList<CogByteRange> ranges;
+        for (const QString &range : text.split(QLatin1Char(' '), Qt::SkipEmptyParts))
+            ranges.append({ range.section('+', 0, 0).toLongLong(), range.section('+', 1).toLongLong() });
+        return ranges;
+    }
+
+    static QString plan(const QString &ranges, qint64 coalesceGap)
+    {
+        validateByteRanges(parsedRanges(ranges));
+        QStringList merged;
+        for (const CogByteRange &range : coalesceByteRanges(parsedRanges(ranges), coalesceGap))
+            merged << QStringLiteral("%1+%2").arg(range.offset).arg(range.length);
+        return merged.join(QLatin1Char(' '));
+    }
+
+    // The tiles of a COG in reverse file order, from the table GDAL wrote beside it.
+    static QString tiles(const QString &file)
+    {
+        QStringList words;
+        for (const QByteArray &line : dataBytes(file.chopped(3) + "tiles.tsv").trimmed().split('\n').mid(1))
+            words.prepend(line.split('\t').value(6) + '+' + line.split('\t').value(7));
+        return words.join(QLatin1Char(' '));
+    }
+
+    // "/<mode>/<name>" serves the data file of that name, or the name's own bytes when there is none: honestly
+    // ("ranges"), with 206 answers but no Accept-Ranges ("silent"), or always whole and without Accept-Ranges
+    // ("whole"); "bare" answers 200 without a length.
+    static FaultReply faultyObject(const FaultRequest &request)
+    {
+        const QString mode = QString::fromLatin1(request.target).section('/', 1, 1);
+        const QString name = QString::fromLatin1(request.target).section('/', 2);
+        FaultRequest asked = request;
+        if (mode == "whole")
+            asked.headers.clear();
+        FaultReply reply = objectReply(asked, QFile::exists(dataPath(name)) ? dataBytes(name) : name.toLatin1());
+        if (mode != "ranges")
+            reply.bytes.replace("Accept-Ranges: bytes\r\n", "");
+        return mode == "bare" ? FaultReply { "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" } : reply;
+    }
+
+    // Paths under /ranges/, /silent/ and /whole/ go to the scripted server, which also counts the requests, other
+    // paths starting with / to nginx; the rest are local files. The source follows the file name.
+    QString probe(const QString &path) const
     {
         const bool scripted = QStringList { "ranges", "silent", "whole" }.contains(path.section('/', 1, 1));
+        const QUrl url = scripted ? fault.url(path.toLatin1()) : nginx.url(path);
         const int before = fault.requestCount();
-        const QString text = outcome(
-            [&] { return facts(Source(cache).probe(scripted ? fault.url(path.toLatin1()) : nginx.url(path), {})); });
+        const QString text = outcome([&] {
+            if (path.contains(".pmtiles"))
+                return facts(PmTilesSource(cache).probe(path.startsWith('/') ? url.toString() : dataPath(path), {}));
+            return path.contains(".tif") ? facts(CogSource(cache).probe(url, {}))
+                                         : facts(GeoParquetSource(cache).probe(url, {}));
+        });
         return text + (scripted ? QStringLiteral("; requests: %1").arg(fault.requestCount() - before) : QString());
     }
 
-    QString archive(const QString &file) const
-    {
-        const PmTilesSource source(cache);
-        return facts(source.probe(dataPath("pmtiles/" + file), {})) + '\n'
-            + facts(source.probe(nginx.url("/pmtiles/" + file).toString(), {}));
-    }
-    static QString both(const QString &text)
-    {
-        return QString(text).replace("%1", "local") + '\n' + QString(text).replace("%1", "HTTP");
-    }
-
-    QString localRange(const QString &file, qint64 offset, qint64 length) const
+    QString pmRange(const QString &file, qint64 offset, qint64 length) const
     {
         const CloudRangeResponse r = PmTilesSource(cache).readRange(dataPath(file), offset, length, {});
         return (r.data == dataBytes(file).mid(offset, length) ? "file bytes" : "other bytes")
-            + QStringLiteral(" of %1, %2 ").arg(r.totalSize).arg(r.statusCode) + r.contentType;
+            + QStringLiteral(" of %1, %2 ").arg(r.totalSize).arg(r.statusCode) + r.contentType
+            + (PmTilesSource(cache).readRange(dataPath(file), offset, length, {}).fromCache ? ", cached" : "");
     }
 
-    // Progress reaching cancelAt bytes cancels the viewport.
-    QString stoppedViewport(const char *url, const char *ranges, qint64 coalesceGap, qint64 cancelAt) const
+    // Walked twice: one inspection, then aligned blocks read with the caller's headers, and then all from the cache.
+    QString remoteWalk(const QString &path) const
+    {
+        const CogSource source(cache);
+        const QUrl url = fault.url(path.toLatin1());
+        const int before = fault.requestCount();
+        const CogStructureResult remote = source.structure(url, { { "Authorization", "Bearer a" } });
+        source.structure(url, { { "Authorization", "Bearer a" } });
+        const bool same = describe(remote) == describe(CogSource::structureOfFile(dataPath(path.section('/', 2))));
+        QStringList words { QString::number(remote.contentLength) + (remote.url == url && same ? " same" : " other") };
+        for (const FaultRequest &request : fault.requests().mid(before))
+            words << request.method + ' ' + request.header("Range")
+                    + (request.header("Authorization") == "Bearer a" ? "" : " unauthorised");
+        return words.join(QStringLiteral(", "));
+    }
+
+    // The view read twice from nginx, cancelled when progress reaches cancelAt bytes, more than 1 MiB at once refused:
+    // "bytes matching the file, bytes read, bytes requested, merged ranges, requested ranges, cache hits of the second
+    // read; requests" of the cache. With log, the first read's progress reports ("percent message") and response
+    // offsets follow.
+    QString viewport(QString file, QString ranges, qint64 gap, qint64 cancelAt = -1, bool log = false) const
     {
         CogViewportRequest request;
-        request.url = url[0] == '/' ? fault.url(url) : QUrl(QString::fromLatin1(url));
-        request.ranges = parsedRanges(QString::fromLatin1(ranges));
-        request.coalesceGap = coalesceGap;
+        request.url = file.contains('/') ? nginx.url('/' + file) : QUrl(file);
+        request.ranges = parsedRanges(ranges);
+        request.coalesceGap = gap;
+        request.context.resourcePolicy = [](const OperationResourceUsage &use, const QString &who, auto &&) {
+            return OperationResourcePolicyDecision { use.bytes <= 1048576, who + ' ' + QString::number(use.bytes) };
+        };
+        QStringList events;
         request.context.progressSink
-            = [token = request.context.cancellationToken, cancelAt](const OperationProgress &p) {
-                  if (p.completed == cancelAt)
-                      token.requestCancellation();
+            = [&events, token = request.context.cancellationToken, cancelAt](const OperationProgress &p) {
+                  events << QString::number(p.percent) + ' ' + p.message;
+                  p.completed == cancelAt ? token.requestCancellation() : void();
               };
-        const int before = fault.requestCount();
-        const QString text = outcome([&] { return QString::number(CogSource(cache).readViewport(request).bytesRead); });
-        return text + QStringLiteral("; requests: %1").arg(fault.requestCount() - before);
+        const QString text = outcome([&] {
+            const CogViewportResult r = CogSource(cache).readViewport(request);
+            qint64 matching = 0;
+            for (const CloudRangeResponse &s : r.responses) {
+                matching += s.data == dataBytes(file).mid(s.offset, s.data.size()) ? s.data.size() : 0;
+                events << QString::number(s.offset);
+            }
+            return numbers({ matching, r.bytesRead, r.requestedBytes, r.coalescedRanges, r.requestedRanges,
+                       CogSource(cache).readViewport(request).cacheHits })
+                + (log ? ", " + events.join(", ") : QString());
+        });
+        return text + QStringLiteral("; requests: %1").arg(cache->statistics().networkRequests);
     }
 
 private slots:
-    void initTestCase()
-    {
-        QVERIFY(cacheFolder.isValid());
-        QVERIFY2(nginx.start(), qPrintable(nginx.errorString()));
-    }
+    void initTestCase() { QVERIFY2(nginx.start(), qPrintable(nginx.errorString())); }
 
     // A fresh cache for every row, in memory only, so that no row is served from an earlier one.
     void init()
     {
-        CloudCacheOptions options;
-        options.directory = cacheFolder.path();
-        options.diskEnabled = false;
-        cache = std::make_shared<CloudRangeCache>(options);
+        CloudCacheOptions memoryOnly;
+        memoryOnly.diskEnabled = false;
+        cache = std::make_shared<CloudRangeCache>(memoryOnly);
     }
 
+    // TIFF: byte order, BigTIFF, first IFD, valid, near, readable. PMTiles: length, the fields as pmHead takes them
+    // ("=" when read back as given), tile kind, valid, readable.
     void headerRules_data()
     {
-        columns();
-        ROW("IFD at 7", tiffHeader("49492a0007000000"), "II ifd=7 near: " + invalidIfd);
-        ROW("IFD at 16384", tiffHeader("49492a0000400000"), "II ifd=16384 valid near readable: " + atStart);
-        ROW("IFD at 16385", tiffHeader("4d4d002a00004001"), "MM ifd=16385 valid readable: " + notAtStart);
-        ROW("IFD at the object's end", tiffHeader("49492a00e8030000", 1000), "II ifd=1000 valid near: " + atStart);
-        ROW("no ranges", tiffHeader("49492a0004000000", 99999, false),
-            "II ifd=4 near: Server does not advertise HTTP byte-range support.");
-        ROW("PNG signature", tiffHeader("89504e470d0a1a0a0000000d49484452", 99999, false),
-            "-- ifd=-1: Not a TIFF stream: invalid byte-order marker.");
-        ROW("version 44", tiffHeader("49492c0008000000"), "II ifd=-1: " + unsupported);
-        ROW("BigTIFF, IFD at 16", tiffHeader("49492b00080000001000000000000000"),
-            "II BigTIFF ifd=16 valid near readable: " + atStart);
-        ROW("BigTIFF, IFD at 15", tiffHeader("4d4d002b00080000000000000000000f"),
-            "MM BigTIFF ifd=15 near: " + invalidIfd);
-        ROW("BigTIFF offset size 4", tiffHeader("49492b00040000001000000000000000"),
-            "II BigTIFF ifd=-1: " + unsupported);
-        ROW("BigTIFF reserved 1", tiffHeader("4d4d002b000800010000000000000010"), "MM BigTIFF ifd=-1: " + unsupported);
-        ROW("BigTIFF top-bit IFD", tiffHeader("49492b00080000001000000000000080"), "II BigTIFF ifd=-1: " + invalidIfd);
-        ROW("BigTIFF 64-bit IFD, unknown length", tiffHeader("4d4d002b000800000000000100004000", -1),
-            "MM BigTIFF ifd=4294983680 valid readable: " + notAtStart);
-        ROW("tile data one byte past", pmTilesHeader("PMTiles 3 127 25 152 247 399 68 1 0 0"),
-            "466 v3 127 25 152 247 399 68 t1 z0-0 vector: " + pmNotReadable);
-        ROW("metadata length wraps", pmTilesHeader("PMTiles 3 127 25 152 18446744073709551515 399 67 1 0 0"),
-            "466 v3 127 25 152 -101 399 67 t1 z0-0 vector: " + pmNotReadable);
-        ROW("top-bit offset", pmTilesHeader("PMTiles 3 127 25 152 247 9223372036854775808 0 1 0 0"),
-            "466 v3 127 25 152 247 -9223372036854775808 0 t1 z0-0 vector: " + pmNotReadable);
-        ROW("reversed zooms", pmTilesHeader("PMTiles 3 127 25 152 247 399 67 1 10 5"),
-            "466 v3 127 25 152 247 399 67 t1 z10-5 vector: " + pmNotReadable);
-        ROW("version 2", pmTilesHeader("PMTiles 2 127 25 152 247 399 67 1 0 0"),
-            "466 v2 0 0 0 0 0 0 t0 z0-0: " + pmNotReadable);
-        ROW("lower-case magic", pmTilesHeader("pmtiles 3 127 25 152 247 399 67 1 0 0"),
-            "466 v3 0 0 0 0 0 0 t0 z0-0: " + pmNotReadable);
-        ROW("127 bytes, AVIF", pmTilesHeader("PMTiles 3 127 0 127 0 127 0 5 0 0", 127),
-            "127 v3 127 0 127 0 127 0 t5 z0-0 raster valid readable: "
-            "PMTiles v3 raster archive is HTTP range-readable; directory offsets are valid.");
-        ROW("126 bytes", pmTilesHeader("PMTiles 3 127 25 152 247 399 67 1 0 0", 126),
-            "126 v0 0 0 0 0 0 0 t0 z0-0: Object is too small to contain a PMTiles v3 header.");
+        TABLE;
+        ROW("IFD at 7", tiffHead("49492a0007000000"), "II 7 near: " + badIfd);
+        ROW("IFD at 16384", tiffHead("49492a0000400000"), "II 16384 valid near readable: " + nearStart);
+        ROW("IFD at the object's end", tiffHead("49492a00e8030000", 1000), "II 1000 valid near: " + nearStart);
+        ROW("no ranges", tiffHead("49492a0004000000", -99999), "II 4 near: " + noRanges);
+        ROW("PNG", tiffHead("89504e470d0a1a0a"), "-- -1: Not a TIFF stream: invalid byte-order marker.");
+        ROW("version 44", tiffHead("49492c0008000000"), "II -1: " + notTiff);
+        ROW("Big, IFD 15", tiffHead("4d4d002b00080000000000000000000f"), "MM BigTIFF 15 near: " + badIfd);
+        ROW("Big, offsets of 4", tiffHead("49492b00040000001000000000000000"), "II BigTIFF -1: " + notTiff);
+        ROW("Big, top-bit IFD", tiffHead("49492b00080000001000000000000080"), "II BigTIFF -1: " + badIfd);
+        ROW("Big, 64-bit IFD", tiffHead("4d4d002b000800000000000100004000", -1),
+            "MM BigTIFF 4294983680 valid readable: " + farFromStart);
+        ROW("tile data 1 byte past", pmHead("3 127 25 152 247 399 68 1 0 0"), "466 = vector: " + pmBad);
+        ROW("metadata length wraps", pmHead("3 127 25 152 18446744073709551515 399 67 1 0 0"),
+            "466 3 127 25 152 -101 399 67 1 0 0 vector: " + pmBad);
+        ROW("top-bit offset", pmHead("3 127 25 152 247 9223372036854775808 0 1 0 0"),
+            "466 3 127 25 152 247 -9223372036854775808 0 1 0 0 vector: " + pmBad);
+        ROW("reversed zooms", pmHead("3 127 25 152 247 399 67 1 10 5"), "466 = vector: " + pmBad);
+        ROW("version 2", pmHead("2 127 25 152 247 399 67 1 0 0"), "466 2 0 0 0 0 0 0 0 0 0: " + pmBad);
+        ROW("127 bytes, AVIF", pmHead("3 127 0 127 0 127 0 5 0 0", 127),
+            "127 = raster valid readable: PMTiles v3 raster" + pmGood.arg("HTTP"));
+        ROW("126 bytes", pmHead("3 127 25 152 247 399 67 1 0 0", 126),
+            "126 0 0 0 0 0 0 0 0 0 0: Object is too small to contain a PMTiles v3 header.");
     }
-    void headerRules() { check(); }
+    void headerRules() { CHECK; }
 
-    void viewportPlan_data()
+    void tiffStructure_data()
     {
-        columns();
-        const QString invalid = QStringLiteral("COG viewport contains an invalid byte range");
+        TABLE;
+        const QString invalid = "TIFF header is invalid", outside = "TIFF image file directory lies outside the object";
+        const QString noTag = "TIFF image file directory lacks a required tag";
+        ROW("empty", walk({}), invalid);
+        ROW("BigTIFF offsets of 4", walk({ "II+\0\x04\0\0\0\x10\0\0\0\0\0\0\0", 16 }), invalid);
+        ROW("first offset 0", walk({ "II*\0\0\0\0\0", 8 }), "TIFF has no image file directory");
+        ROW("MM directory past the end", walk({ "MM\0*\0\0\0\xff", 8 }), outside);
+        ROW("entries past the end", walk({ "II*\0\x08\0\0\0\xff\xff", 10 }), outside);
+        ROW("65536 BigTIFF entries", walk({ "II+\0\x08\0\0\0\x10\0\0\0\0\0\0\0\0\0\x01\0\0\0\0\0", 24 }),
+            "TIFF image file directory has more entries than supported");
+        ROW("links to itself", walk(tiff(-1, {}, 8)), "TIFF image file directory chain loops");
+        ROW("257 directories", walk(tiff(-1, {}, 0, 257)), "TIFF has more image file directories than supported");
+        ROW("16 Mi + 1 values", walk(tiff(2, { 273, 4, 0x1000001, 8 })), "TIFF tag values exceed the supported total");
+        ROW("values past the end", walk(tiff(2, { 273, 4, 3, 52 })), "TIFF tag values lie outside the object");
+        ROW("no width", walk(tiff(0)), noTag);
+        ROW("width as text", walk(tiff(0, { 256, 2, 1, 1 })), noTag);
+        ROW("width 0", walk(tiff(0, { 256, 3, 1, 0 })),
+            "TIFF image has an invalid size, tile size or number of samples");
+        ROW("2 strips for 1", walk(tiff(2, { 273, 3, 2, 0x80008 })),
+            "TIFF tile or strip count does not match the image");
+        ROW("strip past the end", walk(tiff(3, { 279, 4, 1, 55 })), "TIFF tile or strip data lies outside the object");
+        ROW("short read", describe(readCogStructure([](qint64, qint64 n) { return QByteArray(n - 1, 'I'); }, 100)),
+            "TIFF object could not be read completely");
+        // No bits, format, compression, predictor, photometric or planar tags, and the largest RowsPerStrip.
+        ROW("absent tags", walk(tiff(4, { 278, 4, 1, 0xffffffff })),
+            "0\tII classic\t8\t1\t1\t1\t1\t1\t1\t1\t-1\t1\t1\t1\t8\t1");
+        ROW("overview not tiled", violations([](auto &i) { i[1].tiled = false; }), "Overview is not tiled");
+        ROW("offsets unordered", violations([](auto &i) { std::swap(i[0].tileOffsets[1], i[0].tileOffsets[2]); }),
+            "Tile offsets of an image are not in increasing order");
+        ROW("overview data last", violations([](auto &i) { i[2].tileOffsets[0] = i[0].tileOffsets.last() + 1; }),
+            "Overview data does not lie before full-resolution data");
+        ROW("only masks", violations([](auto &i) { i[1].mask = i[2].mask = true; }),
+            "Image larger than one tile has no overviews");
+        ROW("strip image, directory last", violations({}, "tiff/bigtiff-le-strip-ifd-at-end.tif"),
+            "Main image is not tiled\nImage file directory lies after image data");
+        // A tile never written (offset and count 0) is neither data ahead of the directories nor out of order.
+        ROW("unwritten tile", violations([](auto &i) { i[0].tileOffsets[0] = i[0].tileByteCounts[0] = 0; }), "");
+        ROW("remote walk", remoteWalk("/ranges/tiff/bigtiff-cog-le-ifd-at-16.tiff"),
+            "394592 same, HEAD , GET bytes=0-16383, GET bytes=196608-212991, HEAD ");
+        ROW("remote, no length", remoteWalk("/bare/a"), "COG object length is unknown");
+        ROW("no local file", violations({}, "none.tif"), "COG local file could not be opened");
+    }
+    void tiffStructure() { CHECK; }
+
+    // Every image of every file in the GDAL table.
+    void realFilesMatchGdal()
+    {
+        QMap<QString, QStringList> expected;
+        for (const QByteArray &line : dataBytes(QStringLiteral("cog-structure.gdal.tsv")).split('\n')) {
+            const QStringList fields = QString::fromUtf8(line).split(u'\t');
+            if (fields.size() == 17 && !line.startsWith('#'))
+                expected[fields[0]].append(QString::number(fields[1] != u'0') + u'\t' + fields.mid(2).join(u'\t'));
+        }
+        QCOMPARE(expected.size(), 14);
+        for (auto file = expected.cbegin(); file != expected.cend(); ++file)
+            QCOMPARE(file.key() + '\n' + describe(CogSource::structureOfFile(dataPath(file.key()))),
+                file.key() + '\n' + file->join('\n'));
+    }
+
+    void plansAndStrings_data()
+    {
+        TABLE;
+        const QString invalid = "COG viewport contains an invalid byte range", refused = "URL must use HTTP or HTTPS";
         ROW("touching ranges, gap 0", plan("0+100 100+50", 0), "0+150");
         ROW("hole of exactly the gap", plan("0+100 4196+10", 4096), "0+4206");
         ROW("hole one past the gap", plan("0+100 4197+10", 4096), "0+100 4197+10");
@@ -312,223 +412,60 @@ private slots:
         ROW("length 0 after a good range", plan("0+1 10+0", 0), invalid);
         ROW("negative offset", plan("-1+10", 0), invalid);
         // Requested ranges may overlap, so their sum is not bounded by the object's size.
-        ROW("requested bytes saturate", QString::number(sumOfLengths(parsedRanges("0+9223372036854775807 0+1"))),
+        ROW("requested bytes saturate", numbers({ sumOfLengths(parsedRanges("0+9223372036854775807 0+1")) }),
             "9223372036854775807");
-        ROW("percent rounds down", QString::number(viewportPercent(2, 3)), "66");
-        ROW("percent stays below 100", QString::number(viewportPercent(1000, 1000)), "99");
-        ROW("percent without overflow", QString::number(viewportPercent(4611686018427387903, 9223372036854775807)),
-            "49");
+        ROW("percent without overflow", numbers({ viewportPercent(4611686018427387903, 9223372036854775807) }), "49");
+        ROW("COG s3", CogSource(cache).gdalVirtualPath(QUrl("s3://b/a")), "COG " + refused);
+        ROW("GeoParquet s3", GeoParquetSource(cache).gdalVirtualPath(QUrl("s3://b/a")), "Cloud object " + refused);
+        ROW("PMTiles URL", PmTilesSource(cache).gdalPath("HTTPS://e/a b.pmtiles"), "/vsicurl/https://e/a%20b.pmtiles");
+        ROW("relative file", PmTilesSource(cache).gdalPath("w.pmtiles"), QDir::currentPath() + "/w.pmtiles");
+        ROW("GDAL cache 0", CogSource(cache).recommendedGdalOptions(0)[""], "GDAL COG cache size must be positive");
     }
-    void viewportPlan() { check(); }
+    void plansAndStrings() { CHECK; }
 
-    void gdalStrings_data()
+    void served_data()
     {
-        columns();
-        ROW("https", virtualPath("https://example.com/cogs/a.tif"), "/vsicurl/https://example.com/cogs/a.tif");
-        ROW("port, space and query", virtualPath("http://127.0.0.1:8080/my data/a.tif?x=a b&y=2"),
-            "/vsicurl/http://127.0.0.1:8080/my%20data/a.tif?x=a%20b&y=2");
-        ROW("non-ASCII path", virtualPath(QStringLiteral("https://example.com/K\u00f6ln/\u00fcber.tif")),
-            "/vsicurl/https://example.com/K%C3%B6ln/%C3%BCber.tif");
-        ROW("upper-case scheme", virtualPath("HTTPS://example.com/A.TIF"), "/vsicurl/https://example.com/A.TIF");
-        ROW("ftp", virtualPath("ftp://example.com/a.tif"), "COG URL must use HTTP or HTTPS");
-        ROW("s3", virtualPath("s3://bucket/a.tif"), "COG URL must use HTTP or HTTPS");
-        ROW("empty", virtualPath(QString()), "COG URL must use HTTP or HTTPS");
-        ROW("PMTiles address", PmTilesSource(cache).gdalPath("HTTPS://e.com/my world.pmtiles"),
-            "/vsicurl/https://e.com/my%20world.pmtiles");
-        ROW("PMTiles relative file", PmTilesSource(cache).gdalPath("tiles/w.pmtiles"),
-            QDir::currentPath() + "/tiles/w.pmtiles");
-        ROW("options for 256 MiB", gdalOptions(268435456),
-            "CPL_VSIL_CURL_ALLOWED_EXTENSIONS=.tif,.tiff CPL_VSIL_CURL_CACHE_SIZE=268435456 "
-            "GDAL_DISABLE_READDIR_ON_OPEN=EMPTY_DIR VSI_CACHE=FALSE");
-        ROW("options for 0 bytes", gdalOptions(0), "GDAL COG cache size must be positive");
-    }
-    void gdalStrings() { check(); }
-
-    void probes_data()
-    {
-        columns();
-        const QString pmValid = QStringLiteral("468 v3 127 25 152 247 399 69 t1 z0-0 vector valid");
-        ROW("big-endian", probed<CogSource>("/tiff/bigendian-mm-zstd-ifd-at-8.tiff"),
-            "MM ifd=8 valid near readable: " + atStart);
-        ROW("big-endian BigTIFF", probed<CogSource>("/cogs/cog-bigtiff-be-deflate-overviews.tif"),
-            "MM BigTIFF ifd=200 valid near readable: " + atStart);
-        ROW("IFD after the pixels", probed<CogSource>("/tiff/geotiff-float32-dem-ifd-at-end.tif"),
-            "II ifd=61942 valid readable: " + notAtStart);
-        ROW("COG without ranges", probed<CogSource>("/whole/tiff/geotiff-strip-51px-ifd-at-8.tif"),
-            "II ifd=8 valid near: Server does not advertise HTTP byte-range support.; requests: 2");
-        ROW("PMTiles answered with 206", probed<PmTilesSource>("/silent/pmtiles/test-fixture-1-mvt-z0.pmtiles"),
-            pmValid
-                + " readable: PMTiles v3 vector archive is HTTP range-readable; directory offsets are valid.; "
-                  "requests: 2");
-        ROW("PMTiles answered whole", probed<PmTilesSource>("/whole/pmtiles/test-fixture-1-mvt-z0.pmtiles"),
-            pmValid + ": " + pmNotReadable + "; requests: 2");
-        ROW("GeoParquet 1.1", probed<GeoParquetSource>("/parquet/geoparquet-v1.1.0-example-countries.parquet"),
-            "29834 header footer readable: " + parquetReadable);
-        ROW("encrypted footer PARE",
-            probed<GeoParquetSource>("/parquet/encrypted-uniform-footer-pare.parquet.encrypted"),
-            "5708: " + parquetNotReadable);
-        ROW("7 bytes", probed<GeoParquetSource>("/ranges/PAR1AR1"),
-            "7: Object is too small to be a Parquet file.; requests: 1");
-        ROW("8 bytes", probed<GeoParquetSource>("/ranges/PAR1PAR1"),
-            "8 header footer readable: " + parquetReadable + "; requests: 3");
-        ROW("GeoParquet without ranges", probed<GeoParquetSource>("/silent/parquet/geoparquet-point-wkb.parquet"),
-            "1361 header footer: " + parquetNotReadable + "; requests: 3");
-    }
-    void probes() { check(); }
-
-    // Each archive probed as a local file, then over HTTP from nginx; %1 is "local", then "HTTP".
-    void pmTilesArchives_data()
-    {
-        columns();
-        const QString readable = QStringLiteral(" archive is %1 range-readable; directory offsets are valid.");
-        ROW("vector", archive("test-fixture-1-mvt-z0.pmtiles"),
-            both("468 v3 127 25 152 247 399 69 t1 z0-0 vector valid readable: PMTiles v3 vector" + readable));
-        ROW("raster", archive("stamen-toner-raster-png-z0-3.pmtiles"),
-            both("716052 v3 127 246 373 22 395 715657 t2 z0-3 raster valid readable: PMTiles v3 raster" + readable));
-        ROW("tile data up to the end", archive("test-fixture-mlt-no-tiles.pmtiles"),
-            both("690 v3 127 25 152 538 690 0 t6 z0-0 unknown valid readable: PMTiles v3 unknown" + readable));
-        ROW("legacy v1", archive("legacy-v1-tpe-sample-vector.pmtiles"),
-            both("1545506 v0 0 0 0 0 0 0 t0 z0-0: " + pmNotReadable));
-        ROW("text", archive("invalid-text-not-pmtiles.pmtiles"), both("148 v32 0 0 0 0 0 0 t0 z0-0: " + pmNotReadable));
-    }
-    void pmTilesArchives() { check(); }
-
-    void pmTilesLocalRanges_data()
-    {
-        columns();
-        const QString file = QStringLiteral("pmtiles/unclustered-png-z1.pmtiles"); // 278 bytes
-        const QString outside = QStringLiteral("PMTiles local range is out of bounds");
-        ROW("whole file", localRange(file, 0, 278), "file bytes of 278, 200 application/vnd.pmtiles");
-        ROW("offset at the end", localRange(file, 278, 1), outside);
-        ROW("negative offset", localRange(file, -1, 10), outside);
-        ROW("length 0", localRange(file, 0, 0), outside);
-        ROW("largest length", localRange(file, 10, 9223372036854775807), outside);
-        ROW("empty file", localRange("pmtiles/empty-zero-bytes.pmtiles", 0, 127), outside);
-        ROW("missing file", localRange("pmtiles/missing.pmtiles", 0, 1), "PMTiles local archive does not exist");
-        ROW("probe of a file URL", facts(PmTilesSource(cache).probe(QUrl::fromLocalFile(dataPath(file)), {})),
-            "PMTiles local archive does not exist");
-    }
-    void pmTilesLocalRanges() { check(); }
-
-    // Local reads are stored in the same cache as remote ones, but only the remote one is a network request.
-    void pmTilesReadsGoThroughTheCache()
-    {
-        const PmTilesSource source(cache);
-        const QString file = QStringLiteral("pmtiles/stamen-toner-raster-png-z0-3.pmtiles");
-        for (const QString &location : { dataPath(file), nginx.url(QLatin1Char('/') + file).toString() }) {
-            QCOMPARE(source.readRange(location, 127, 246, {}).data, dataBytes(file).mid(127, 246));
-            QVERIFY(source.readRange(location, 127, 246, {}).fromCache);
-        }
-        const CloudCacheStatistics statistics = source.cacheStatistics();
-        QCOMPARE(
-            QList<qint64>({ statistics.memoryHits, statistics.misses, statistics.writes, statistics.networkRequests }),
-            QList<qint64>({ 2, 2, 2, 1 }));
-    }
-
-    void viewportStopsEarly_data()
-    {
-        columns();
-        const char *jpeg = "/ranges/cogs/cog-le-jpeg-1024-64tiles.tif";
-        const char *three = "1000+10 5000+10 9000+10";
-        ROW("URL without scheme", stoppedViewport("cogs/a.tif", three, 0, -1),
-            "COG viewport URL is invalid; requests: 0");
-        ROW("no ranges", stoppedViewport(jpeg, "", 0, -1),
-            "COG viewport requires at least one byte range; requests: 0");
-        ROW("negative gap", stoppedViewport(jpeg, three, -1, -1),
-            "COG viewport coalesce gap cannot be negative; requests: 0");
-        ROW("invalid range", stoppedViewport(jpeg, "1000+10 5+0", 0, -1),
-            "COG viewport contains an invalid byte range; requests: 0");
-        ROW("cancelled before the first read", stoppedViewport(jpeg, three, 0, 0),
-            "COG viewport request cancelled; requests: 0");
-        ROW("cancelled after the first read", stoppedViewport(jpeg, three, 0, 10),
-            "COG viewport request cancelled; requests: 1");
-    }
-    void viewportStopsEarly() { check(); }
-
-    // The tiles asked for in reverse file order: every tile cut out of the merged reads equals its bytes in the file,
-    // one request is made per merged range, and the same view again is served from the cache.
-    void viewportOfRealTiles_data()
-    {
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<qint64>("coalesceGap");
-        QTest::addColumn<int>("coalesced");
+        TABLE;
+        const QString pmValid = "468 3 127 25 152 247 399 69 1 0 0 vector valid";
+        ROW("big-endian BigTIFF", probe("/cogs/cog-bigtiff-be-deflate-overviews.tif"),
+            "MM BigTIFF 200 valid near readable: " + nearStart);
+        ROW("COG without ranges", probe("/whole/tiff/geotiff-strip-51px-ifd-at-8.tif"),
+            "II 8 valid near: " + noRanges + "; requests: 2");
+        ROW("PMTiles answered with 206", probe("/silent/pmtiles/test-fixture-1-mvt-z0.pmtiles"),
+            pmValid + " readable: PMTiles v3 vector" + pmGood.arg("HTTP") + "; requests: 2");
+        ROW("PMTiles answered whole", probe("/whole/pmtiles/test-fixture-1-mvt-z0.pmtiles"),
+            pmValid + ": " + pmBad + "; requests: 2");
+        ROW("tile data up to the end", probe("/pmtiles/test-fixture-mlt-no-tiles.pmtiles"),
+            "690 3 127 25 152 538 690 0 6 0 0 unknown valid readable: PMTiles v3 unknown" + pmGood.arg("HTTP"));
+        ROW("footer PARE", probe("/parquet/encrypted-uniform-footer-pare.parquet.encrypted"), "5708: " + pqBad);
+        ROW("7 bytes", probe("/ranges/PAR1AR1"), "7: Object is too small to be a Parquet file.; requests: 1");
+        ROW("8 bytes", probe("/ranges/PAR1PAR1"), "8 header footer readable: " + pqGood + "; requests: 3");
+        ROW("GeoParquet without ranges", probe("/silent/parquet/geoparquet-point-wkb.parquet"),
+            "1361 header footer: " + pqBad + "; requests: 3");
+        const QString file = "pmtiles/unclustered-png-z1.pmtiles",
+                      outside = "PMTiles local range is out of bounds"; // 278 bytes
+        ROW("whole local file", pmRange(file, 0, 278), "file bytes of 278, 200 application/vnd.pmtiles, cached");
+        ROW("offset at the end", pmRange(file, 278, 1), outside);
+        ROW("largest length", pmRange(file, 10, 9223372036854775807), outside);
+        const QString jpeg = "cogs/cog-le-jpeg-1024-64tiles.tif", three = "1000+10 5000+10 9000+10";
+        const QString be = "cogs/cog-be-deflate-overviews.tif", bigTiff = "cogs/cog-bigtiff-le-deflate-overview.tif";
+        ROW("URL without scheme", viewport("a.tif", three, 0), "COG viewport URL is invalid; requests: 0");
+        ROW("no ranges", viewport(jpeg, "", 0), "COG viewport requires at least one byte range; requests: 0");
+        ROW("negative gap", viewport(jpeg, three, -1), "COG viewport coalesce gap cannot be negative; requests: 0");
+        ROW("invalid range", viewport(jpeg, "0+1 5+0", 0), "COG viewport contains an invalid byte range; requests: 0");
+        ROW("more than the policy allows", viewport(jpeg, "0+1048577", 0),
+            "Norvane.Cloud.CogSource 1048577; requests: 0");
+        ROW("cancelled at once", viewport(jpeg, three, 0, 0), "COG viewport request cancelled; requests: 0");
+        ROW("cancelled after a read", viewport(jpeg, three, 0, 10), "COG viewport request cancelled; requests: 1");
         // GDAL writes a 4-byte leader and trailer around each tile.
-        QTest::newRow("JPEG tiles 8 bytes apart, gap 7") << "cogs/cog-le-jpeg-1024-64tiles.tif" << qint64(7) << 80;
-        QTest::newRow("big-endian, default gap") << "cogs/cog-be-deflate-overviews.tif" << qint64(4096) << 1;
-        QTest::newRow("BigTIFF, gap 0") << "cogs/cog-bigtiff-le-deflate-overview.tif" << qint64(0) << 5;
+        ROW("JPEG tiles 8 apart, gap 7", viewport(jpeg, tiles(jpeg), 7), "142520 142520 142520 80 80 80; requests: 80");
+        ROW("big-endian, default gap", viewport(be, tiles(be), 4096), "153814 153814 153654 1 21 1; requests: 1");
+        ROW("progress, then responses in file order", viewport(jpeg, "5000+10 1000+10 3000+10", 0, -1, true),
+            "30 30 30 3 3 3, 0 Reading COG viewport, 33 Reading COG viewport, 66 Reading COG viewport, 99 Reading COG "
+            "viewport, 100 COG viewport ready, 1000, 3000, 5000; requests: 3");
+        ROW("BigTIFF, gap 0", viewport(bigTiff, tiles(bigTiff), 0), "143138 143138 143138 5 5 5; requests: 5");
     }
-    void viewportOfRealTiles()
-    {
-        QFETCH(QString, file);
-        QFETCH(qint64, coalesceGap);
-        CogViewportRequest request;
-        request.url = nginx.url(QLatin1Char('/') + file);
-        request.coalesceGap = coalesceGap;
-        QFile table(dataPath(QString(file).replace(".tif", ".tiles.tsv")));
-        QVERIFY(table.open(QIODevice::ReadOnly));
-        for (const QByteArray &line : table.readAll().trimmed().split('\n').mid(1))
-            request.ranges.prepend({ line.split('\t').value(6).toLongLong(), line.split('\t').value(7).toLongLong() });
-        const CogSource source(cache);
-
-        const CogViewportResult result = source.readViewport(request);
-
-        const QByteArray bytes = dataBytes(file);
-        qint64 requestedBytes = 0;
-        for (const CogByteRange &tile : request.ranges) {
-            requestedBytes += tile.length;
-            QByteArray cut;
-            for (const CloudRangeResponse &r : result.responses) {
-                if (r.offset <= tile.offset && r.offset + r.data.size() >= tile.offset + tile.length)
-                    cut = r.data.mid(tile.offset - r.offset, tile.length);
-            }
-            QCOMPARE(cut, bytes.mid(tile.offset, tile.length));
-        }
-        QTEST(result.coalescedRanges, "coalesced");
-        QCOMPARE(result.requestedRanges, int(request.ranges.size()));
-        QCOMPARE(result.requestedBytes, requestedBytes);
-        QCOMPARE(cache->statistics().networkRequests, qint64(result.coalescedRanges));
-        QCOMPARE(source.readViewport(request).cacheHits, result.coalescedRanges);
-        QCOMPARE(cache->statistics().networkRequests, qint64(result.coalescedRanges));
-    }
-
-    void viewportReportsInOrder()
-    {
-        CogViewportRequest request;
-        request.url = nginx.url(QStringLiteral("/cogs/cog-le-jpeg-1024-64tiles.tif"));
-        request.ranges = { { 5000, 10 }, { 1000, 10 }, { 3000, 10 } };
-        request.coalesceGap = 0;
-        request.overviewLevel = 1;
-        QStringList events;
-        const QString url = request.url.toString();
-        request.context.resourcePolicy
-            = [&](const OperationResourceUsage &usage, const QString &component, const QString &resource) {
-                  events << QStringLiteral("enforce %1 %2 ").arg(component).arg(usage.bytes)
-                          + QString(resource).replace(url, "URL");
-                  return OperationResourcePolicyDecision();
-              };
-        request.context.progressSink = [&](const OperationProgress &p) {
-            QStringList details;
-            for (auto item = p.details.cbegin(); item != p.details.cend(); ++item)
-                details << item.key() + '=' + item.value().typeName() + ':' + item.value().toString();
-            events << QStringLiteral("%1 %2% %3/%4 ").arg(p.state).arg(p.percent).arg(p.completed).arg(p.total)
-                    + p.message + " {" + details.join(QLatin1Char(' ')) + '}';
-        };
-
-        const CogViewportResult result = CogSource(cache).readViewport(request);
-
-        const QString reading = QStringLiteral("Reading COG viewport {cacheHits=int:0 overviewLevel=int:1}");
-        const QString readerEnforces = QStringLiteral("enforce Norvane.Cloud.HttpRangeReader 10 URL");
-        QCOMPARE(events,
-            QStringList({ "enforce Norvane.Cloud.CogSource 0 URL", "enforce Norvane.Cloud.CogSource 30 URL",
-                "2 0% 0/30 Reading COG viewport {overviewLevel=int:1 rangeCount=qlonglong:3}", readerEnforces,
-                "2 33% 10/30 " + reading, readerEnforces, "2 66% 20/30 " + reading, readerEnforces,
-                "2 99% 30/30 " + reading,
-                "4 100% 30/30 COG viewport ready {cacheHits=int:0 coalescedRanges=int:3 overviewLevel=int:1 "
-                "requestedRanges=int:3}" }));
-        QCOMPARE(QList<qint64>({ result.responses.value(0).offset, result.responses.value(1).offset,
-                     result.responses.value(2).offset }),
-            QList<qint64>({ 1000, 3000, 5000 }));
-    }
+    void served() { CHECK; }
 };
 
 QTEST_GUILESS_MAIN(FormatsTest)
