@@ -7,7 +7,6 @@
 #include "formats/probecommon.h"
 #include "formats/tiffheader.h"
 #include "formats/viewportplan.h"
-#include "transport/transportmessages.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -21,8 +20,12 @@ using Norvane::Core::Operations::OperationResourceUsage;
 
 namespace {
 
-OperationProgress viewportProgress(
-    qint32 state, qint32 percent, qint64 completed, qint64 total, const char *message, QVariantMap details)
+OperationProgress viewportProgress(OperationProgress::State state,
+    qint32 percent,
+    qint64 completed,
+    qint64 total,
+    const char *message,
+    QVariantMap details)
 {
     OperationProgress progress;
     progress.state = state;
@@ -67,15 +70,7 @@ CogProbeResult CogSource::probe(const QUrl &url, const QHash<QByteArray, QByteAr
     copyInspection(result, metadata);
 
     // The header is read where the inspection ended up, so a redirect is followed once, not twice.
-    CloudRangeRequest request;
-    request.url = result.url;
-    request.offset = 0;
-    request.length = tiffHeaderReadLength;
-    request.headers = headers;
-    request.useCache = true;
-    const CloudRangeResponse response = reader->read(request);
-
-    applyTiffHeader(result, response.data);
+    applyTiffHeader(result, reader->read(rangeRequest(result.url, 0, tiffHeaderReadLength, headers)).data);
     return result;
 }
 
@@ -109,7 +104,7 @@ CogViewportResult CogSource::readViewport(const CogViewportRequest &request) con
     const QString overviewLevelKey = QStringLiteral("overviewLevel");
     const QString cacheHitsKey = QStringLiteral("cacheHits");
     context.reportProgress(
-        viewportProgress(TransportMessages::progressUnderWay, 0, 0, total, FormatsMessages::viewportProgressReading,
+        viewportProgress(OperationProgress::UnderWay, 0, 0, total, FormatsMessages::viewportProgressReading,
             { { overviewLevelKey, result.overviewLevel }, { QStringLiteral("rangeCount"), qint64(merged.size()) } }));
 
     result.responses.reserve(merged.size());
@@ -117,38 +112,33 @@ CogViewportResult CogSource::readViewport(const CogViewportRequest &request) con
         if (context.isCancellationRequested())
             throw std::runtime_error(FormatsMessages::viewportCancelled);
 
-        CloudRangeRequest rangeRequest;
-        rangeRequest.url = request.url;
-        rangeRequest.offset = range.offset;
-        rangeRequest.length = range.length;
-        rangeRequest.headers = request.headers;
-        rangeRequest.useCache = true;
+        CloudRangeRequest rangeRead = rangeRequest(request.url, range.offset, range.length, request.headers);
         // The read shares the viewport's cancellation (so a cancel interrupts a read under way) and its resource
         // policy, but reports its own progress nowhere: the viewport reports progress for the whole.
-        rangeRequest.context.cancellationToken = context.cancellationToken;
-        rangeRequest.context.resourcePolicy = context.resourcePolicy;
+        rangeRead.context.cancellationToken = context.cancellationToken;
+        rangeRead.context.resourcePolicy = context.resourcePolicy;
 
-        CloudRangeResponse response = reader->read(rangeRequest);
+        CloudRangeResponse response = reader->read(rangeRead);
         result.bytesRead += response.data.size();
         if (response.fromCache)
             ++result.cacheHits;
         result.responses.append(std::move(response));
 
-        context.reportProgress(viewportProgress(TransportMessages::progressUnderWay,
-            viewportPercent(result.bytesRead, total), result.bytesRead, total, FormatsMessages::viewportProgressReading,
+        context.reportProgress(viewportProgress(OperationProgress::UnderWay, viewportPercent(result.bytesRead, total),
+            result.bytesRead, total, FormatsMessages::viewportProgressReading,
             { { overviewLevelKey, result.overviewLevel }, { cacheHitsKey, result.cacheHits } }));
     }
 
-    context.reportProgress(viewportProgress(TransportMessages::progressDone, 100, result.bytesRead, total,
-        FormatsMessages::viewportProgressReady,
-        { { overviewLevelKey, result.overviewLevel }, { QStringLiteral("requestedRanges"), result.requestedRanges },
-            { QStringLiteral("coalescedRanges"), result.coalescedRanges }, { cacheHitsKey, result.cacheHits } }));
+    context.reportProgress(
+        viewportProgress(OperationProgress::Done, 100, result.bytesRead, total, FormatsMessages::viewportProgressReady,
+            { { overviewLevelKey, result.overviewLevel }, { QStringLiteral("requestedRanges"), result.requestedRanges },
+                { QStringLiteral("coalescedRanges"), result.coalescedRanges }, { cacheHitsKey, result.cacheHits } }));
     return result;
 }
 
 QString CogSource::gdalVirtualPath(const QUrl &url) const
 {
-    return Norvane::Cloud::gdalVirtualPath(url, FormatsMessages::cogUrlNotHttp);
+    return cogGdalVirtualPath(url);
 }
 
 QHash<QByteArray, QByteArray> CogSource::recommendedGdalOptions(qint64 cacheSize) const
@@ -163,12 +153,7 @@ CogStructureResult CogSource::structure(const QUrl &url, const QHash<QByteArray,
         throw std::runtime_error(FormatsMessages::cogLengthUnknown);
     const auto readRange = [this, &metadata, &headers](qint64 offset, qint64 length) {
         // Where the inspection ended up, so a redirect is followed once, not on every read.
-        CloudRangeRequest request;
-        request.url = metadata.url;
-        request.offset = offset;
-        request.length = length;
-        request.headers = headers;
-        return reader->read(request).data;
+        return reader->read(rangeRequest(metadata.url, offset, length, headers)).data;
     };
     CogStructureResult result = readCogStructure(readRange, metadata.contentLength);
     result.url = metadata.url;

@@ -28,11 +28,21 @@ QString gdalVirtualPath(const QUrl &url, const char *refusalMessage)
     return QStringLiteral("/vsicurl/") + url.toString(QUrl::FullyEncoded);
 }
 
+QString cogGdalVirtualPath(const QUrl &url)
+{
+    return gdalVirtualPath(url, FormatsMessages::cogUrlNotHttp);
+}
+
+QString cloudObjectGdalVirtualPath(const QUrl &url)
+{
+    return gdalVirtualPath(url, FormatsMessages::cloudObjectUrlNotHttp);
+}
+
 QString gdalPathOfLocation(const QString &location)
 {
     const QUrl url(location, QUrl::TolerantMode);
     if (isHttpUrl(url))
-        return gdalVirtualPath(url, FormatsMessages::cloudObjectUrlNotHttp);
+        return cloudObjectGdalVirtualPath(url);
     return QFileInfo(location).absoluteFilePath();
 }
 

@@ -19,6 +19,10 @@ bool isRemoteLocation(const QString &location);
 /// "/vsicurl/" followed by the fully encoded URL. Throws std::invalid_argument with refusalMessage when the URL
 /// is not an HTTP(S) URL.
 QString gdalVirtualPath(const QUrl &url, const char *refusalMessage);
+/// The virtual path of a COG, refused with "COG URL must use HTTP or HTTPS".
+QString cogGdalVirtualPath(const QUrl &url);
+/// The virtual path of a PMTiles or GeoParquet object, refused with "Cloud object URL must use HTTP or HTTPS".
+QString cloudObjectGdalVirtualPath(const QUrl &url);
 
 /// The virtual path of an HTTP(S) location, otherwise the absolute path of the text as a file path (which need
 /// not exist). Never throws.

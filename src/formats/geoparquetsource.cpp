@@ -45,17 +45,13 @@ GeoParquetProbeResult GeoParquetSource::probe(const QUrl &url, const QHash<QByte
         return result;
     }
 
+    // Both markers are read at the URL as given, not where the inspection was redirected to.
     const QByteArray marker = QByteArrayLiteral("PAR1");
-    CloudRangeRequest request;
-    request.url = url;
-    request.offset = 0;
-    request.length = parquetMarkerLength;
-    request.headers = headers;
-    request.useCache = true;
-    result.headerValid = reader->read(request).data == marker;
-
-    request.offset = result.contentLength - parquetMarkerLength;
-    result.footerValid = reader->read(request).data == marker;
+    const auto markerAt = [&](qint64 offset) {
+        return reader->read(rangeRequest(url, offset, parquetMarkerLength, headers)).data == marker;
+    };
+    result.headerValid = markerAt(0);
+    result.footerValid = markerAt(result.contentLength - parquetMarkerLength);
 
     result.cloudReadable = result.acceptsRanges && result.headerValid && result.footerValid;
     result.diagnostic
@@ -65,7 +61,7 @@ GeoParquetProbeResult GeoParquetSource::probe(const QUrl &url, const QHash<QByte
 
 QString GeoParquetSource::gdalVirtualPath(const QUrl &url) const
 {
-    return Norvane::Cloud::gdalVirtualPath(url, FormatsMessages::cloudObjectUrlNotHttp);
+    return cloudObjectGdalVirtualPath(url);
 }
 
 } // namespace Norvane::Cloud

@@ -2,16 +2,16 @@
 
 #include "formats/formatsmessages.h"
 
+#include <QtEndian>
+#include <QtNumeric>
+
 namespace Norvane::Cloud {
 
 namespace {
 
 quint64 readLittleEndian64(const QByteArray &bytes, int position)
 {
-    quint64 value = 0;
-    for (int index = 0; index < 8; ++index)
-        value |= quint64(quint8(bytes.at(position + index))) << (8 * index);
-    return value;
+    return qFromLittleEndian<quint64>(bytes.constData() + position);
 }
 
 int readByte(const QByteArray &bytes, int position)
@@ -19,10 +19,11 @@ int readByte(const QByteArray &bytes, int position)
     return quint8(bytes.at(position));
 }
 
-// Both values come straight from the header, so the test is made without signed arithmetic that could overflow.
+// Both values come straight from the header, so their sum may wrap even in unsigned arithmetic.
 bool sectionFits(quint64 offset, quint64 length, quint64 archiveLength)
 {
-    return offset <= archiveLength && length <= archiveLength - offset;
+    quint64 end = 0;
+    return !qAddOverflow(offset, length, &end) && end <= archiveLength;
 }
 
 } // namespace

@@ -78,15 +78,8 @@ PmTilesProbeResult PmTilesSource::probe(const QUrl &url, const QHash<QByteArray,
 CloudRangeResponse PmTilesSource::readRange(
     const QString &location, qint64 offset, qint64 length, const QHash<QByteArray, QByteArray> &headers) const
 {
-    if (isRemoteLocation(location)) {
-        CloudRangeRequest request;
-        request.url = QUrl(location, QUrl::TolerantMode);
-        request.offset = offset;
-        request.length = length;
-        request.headers = headers;
-        request.useCache = true;
-        return reader->read(request);
-    }
+    if (isRemoteLocation(location))
+        return reader->read(rangeRequest(QUrl(location, QUrl::TolerantMode), offset, length, headers));
 
     const QFileInfo info = existingLocalArchive(location);
     const qint64 fileSize = info.size();
@@ -134,7 +127,7 @@ CloudCacheStatistics PmTilesSource::cacheStatistics() const
 
 QString PmTilesSource::gdalVirtualPath(const QUrl &url) const
 {
-    return Norvane::Cloud::gdalVirtualPath(url, FormatsMessages::cloudObjectUrlNotHttp);
+    return cloudObjectGdalVirtualPath(url);
 }
 
 QString PmTilesSource::gdalPath(const QString &location) const

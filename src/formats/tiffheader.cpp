@@ -2,20 +2,19 @@
 
 #include "formats/formatsmessages.h"
 
+#include <QtEndian>
+
 #include <limits>
 
 namespace Norvane::Cloud {
 
 namespace {
 
-quint64 readUnsigned(const QByteArray &bytes, int position, int size, bool bigEndian)
+// The caller has checked that the bytes reach position + sizeof(Unsigned).
+template <typename Unsigned> Unsigned readUnsigned(const QByteArray &bytes, int position, bool bigEndian)
 {
-    quint64 value = 0;
-    for (int index = 0; index < size; ++index) {
-        const int shift = bigEndian ? 8 * (size - 1 - index) : 8 * index;
-        value |= quint64(quint8(bytes.at(position + index))) << shift;
-    }
-    return value;
+    const char *source = bytes.constData() + position;
+    return bigEndian ? qFromBigEndian<Unsigned>(source) : qFromLittleEndian<Unsigned>(source);
 }
 
 } // namespace
@@ -45,18 +44,18 @@ void applyTiffHeader(CogProbeResult &result, const QByteArray &headerBytes)
         unsupported();
         return;
     }
-    const quint64 version = readUnsigned(headerBytes, 2, 2, bigEndian);
+    const quint16 version = readUnsigned<quint16>(headerBytes, 2, bigEndian);
     // Set before the version is judged, so an unusable BigTIFF header still says it claimed to be one.
     result.bigTiff = version == 43;
 
     qint64 offset = -1;
     bool passes = false;
     if (version == 42 && headerBytes.size() >= 8) {
-        offset = qint64(readUnsigned(headerBytes, 4, 4, bigEndian));
+        offset = qint64(readUnsigned<quint32>(headerBytes, 4, bigEndian));
         passes = offset >= 8;
-    } else if (version == 43 && headerBytes.size() >= 16 && readUnsigned(headerBytes, 4, 2, bigEndian) == 8
-        && readUnsigned(headerBytes, 6, 2, bigEndian) == 0) {
-        const quint64 raw = readUnsigned(headerBytes, 8, 8, bigEndian);
+    } else if (version == 43 && headerBytes.size() >= 16 && readUnsigned<quint16>(headerBytes, 4, bigEndian) == 8
+        && readUnsigned<quint16>(headerBytes, 6, bigEndian) == 0) {
+        const quint64 raw = readUnsigned<quint64>(headerBytes, 8, bigEndian);
         offset = raw > quint64(std::numeric_limits<qint64>::max()) ? -1 : qint64(raw);
         passes = offset >= 16;
     } else {

@@ -2,6 +2,8 @@
 
 #include "formats/formatsmessages.h"
 
+#include <QtNumeric>
+
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
@@ -14,7 +16,8 @@ constexpr qint64 largestOffset = std::numeric_limits<qint64>::max();
 
 bool isValidByteRange(const CogByteRange &range)
 {
-    return range.offset >= 0 && range.length >= 1 && range.offset <= largestOffset - range.length;
+    qint64 end = 0;
+    return range.offset >= 0 && range.length >= 1 && !qAddOverflow(range.offset, range.length, &end);
 }
 
 void validateByteRanges(const QList<CogByteRange> &ranges)
@@ -52,9 +55,8 @@ qint64 sumOfLengths(const QList<CogByteRange> &ranges)
 {
     qint64 sum = 0;
     for (const CogByteRange &range : ranges) {
-        if (range.length > largestOffset - sum)
+        if (qAddOverflow(sum, range.length, &sum))
             return largestOffset;
-        sum += range.length;
     }
     return sum;
 }
@@ -65,19 +67,32 @@ int viewportPercent(qint64 completed, qint64 total)
         return 0;
     if (completed >= total)
         return 99;
-    // completed * 100 / total without a wider integer type: add completed a hundred times, carrying whole totals.
-    // Both stay below 2^63, so their unsigned sum cannot wrap.
+    // From here on completed is below total, so the quotient is at most 99 and needs no cap.
+    qint64 hundredfold = 0;
+    if (!qMulOverflow(completed, qint64(100), &hundredfold))
+        return int(hundredfold / total);
+
+    // Beyond 2^63 / 100 bytes the product needs more than 64 bits, so the same quotient comes from long division
+    // over the binary digits of 100: the remainder stays below total and never more than doubles, so it cannot wrap.
     const quint64 divisor = quint64(total);
     quint64 remainder = 0;
     int percent = 0;
-    for (int step = 0; step < 100; ++step) {
-        remainder += quint64(completed);
-        while (remainder >= divisor) {
+    const auto carry = [&] {
+        if (remainder >= divisor) {
             remainder -= divisor;
             ++percent;
         }
+    };
+    for (int bit = 6; bit >= 0; --bit) {
+        percent *= 2;
+        remainder *= 2;
+        carry();
+        if ((100 >> bit) & 1) {
+            remainder += quint64(completed);
+            carry();
+        }
     }
-    return std::min(99, percent);
+    return percent;
 }
 
 } // namespace Norvane::Cloud

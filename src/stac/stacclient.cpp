@@ -1,6 +1,6 @@
-#include <norvanecloud/formats.h>
 #include <norvanecloud/stac.h>
 
+#include "formats/gdalaccess.h"
 #include "stac/staccoglayer.h"
 #include "stac/stacexchange.h"
 #include "stac/stacitemcollection.h"
@@ -107,8 +107,7 @@ StacCogLayer StacClient::cogLayer(const StacItem &item, const QString &assetKey)
     layer.collection = item.collection;
     layer.assetKey = key;
     layer.sourceUrl = asset.href;
-    // Building the path touches neither the network nor the cache; the source only lends its rule.
-    layer.gdalVirtualPath = CogSource(d->cache).gdalVirtualPath(asset.href);
+    layer.gdalVirtualPath = cogGdalVirtualPath(asset.href);
     layer.title = asset.title.isEmpty() ? item.id : asset.title;
     layer.mediaType = asset.mediaType;
     layer.roles = asset.roles;

@@ -1,5 +1,6 @@
 #include "stac/staccoglayer.h"
 
+#include "formats/gdalaccess.h"
 #include "stac/stacmessages.h"
 
 #include <stdexcept>
@@ -8,10 +9,7 @@ namespace Norvane::Cloud::StacCogLayers {
 
 bool isHttpCogCandidate(const StacAsset &asset)
 {
-    if (!asset.href.isValid())
-        return false;
-    const QString scheme = asset.href.scheme();
-    if (scheme != QLatin1String("http") && scheme != QLatin1String("https"))
+    if (!isHttpUrl(asset.href))
         return false;
     if (asset.mediaType.toLower().contains(QLatin1String("tiff")))
         return true;

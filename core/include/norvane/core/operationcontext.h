@@ -37,8 +37,15 @@ private:
     std::shared_ptr<State> state;
 };
 
-/// One progress report. state is 2 while an operation is under way and 4 when it is done.
+/// One progress report.
 struct NORVANECORE_EXPORT OperationProgress {
+    /// What state holds: UnderWay while the operation runs, Done once it has finished. The field stays a plain
+    /// 32-bit number, so a host may use values of its own.
+    enum State : qint32 {
+        UnderWay = 2,
+        Done = 4,
+    };
+
     qint32 state = 0;
     qint32 percent = 0;
     qint64 completed = 0;

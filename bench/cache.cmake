@@ -1,1 +1,0 @@
-norvane_add_benchmark(bench_cache SOURCES bench_cache.cpp LIBRARIES NorvaneCloud::Transport)

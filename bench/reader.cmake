@@ -1,1 +1,0 @@
-norvane_add_benchmark(bench_reader SOURCES bench_reader.cpp LIBRARIES NorvaneCloud::Transport NorvaneTestSupport)
