@@ -5,7 +5,6 @@
 //   build/bench/bench_formats
 
 #include "formats/viewportplan.h"
-#include "formatstesting.h"
 #include "nginxserver.h"
 
 #include <norvanecloud/formats.h>
@@ -69,12 +68,10 @@ struct NginxFixture {
     NginxFixture()
     {
         started = nginx.start();
-        for (const CogTile &tile : recordedTilesOfDirectory(viewportCog, 0)) {
-            CogByteRange range;
-            range.offset = tile.offset;
-            range.length = tile.length;
-            tiles.append(range);
-        }
+        const CogImageMetadata fullResolution
+            = CogSource::structureOfFile(QStringLiteral(NORVANE_TEST_DATA_DIR "/") + viewportCog).images.value(0);
+        for (qsizetype tile = 0; tile < fullResolution.tileOffsets.size(); ++tile)
+            tiles.append({ fullResolution.tileOffsets[tile], fullResolution.tileByteCounts[tile] });
     }
 };
 
@@ -87,7 +84,10 @@ NginxFixture &fixture()
 // Without a cache every iteration goes to the server.
 std::unique_ptr<CogSource> uncachedSource()
 {
-    auto source = std::make_unique<CogSource>(memoryOnlyCache(fixture().cacheFolder.path()));
+    CloudCacheOptions options;
+    options.directory = fixture().cacheFolder.path();
+    options.diskEnabled = false;
+    auto source = std::make_unique<CogSource>(std::make_shared<CloudRangeCache>(options));
     source->rangeReader().setCache(nullptr);
     return source;
 }
