@@ -3,8 +3,9 @@
 // shared library exports.
 
 #include "faultserver.h"
+#include "flat/applicationguard.h"
 #include "flat/flatdocuments.h"
-#include "flat/flatframe.h"
+#include "flat/norvanecloudclient.h"
 #include "nginxserver.h"
 #include "stac/stacsearchrequest.h"
 
@@ -372,7 +373,7 @@ private slots:
     {
         QCOMPARE(NorvaneCloud_SetTimeout(client, 1234), 1);
         QCOMPARE(NorvaneCloud_SetTimeout(client, INT32_MIN), 0);
-        const CloudClient &record = client->client;
+        const NorvaneCloudClient &record = *client;
         QCOMPARE(QList<int>({ record.timeoutMilliseconds, record.cog.rangeReader().timeoutMilliseconds(),
                      record.geoParquet.rangeReader().timeoutMilliseconds(),
                      record.pmTiles.rangeReader().timeoutMilliseconds() }),
