@@ -48,14 +48,6 @@ QJsonValue byteText(const QByteArray &bytes)
     return QString::fromLatin1(bytes);
 }
 
-QJsonArray textArray(const QStringList &texts)
-{
-    QJsonArray array;
-    for (const QString &text : texts)
-        array.append(text);
-    return array;
-}
-
 QJsonArray numberArray(const QList<double> &numbers)
 {
     QJsonArray array;
@@ -67,6 +59,20 @@ QJsonArray numberArray(const QList<double> &numbers)
 QString documentText(const QJsonObject &object)
 {
     return QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+}
+
+// The members every probe document has: the facts of the object's inspection and the verdict on it.
+template <typename ProbeResult> QJsonObject probeObject(const ProbeResult &result)
+{
+    QJsonObject object;
+    object.insert(QLatin1String("url"), urlText(result.url));
+    object.insert(QLatin1String("contentLength"), integerValue(result.contentLength));
+    object.insert(QLatin1String("etag"), byteText(result.etag));
+    object.insert(QLatin1String("contentType"), byteText(result.contentType));
+    object.insert(QLatin1String("acceptsRanges"), result.acceptsRanges);
+    object.insert(QLatin1String("cloudReadable"), result.cloudReadable);
+    object.insert(QLatin1String("diagnostic"), result.diagnostic);
+    return object;
 }
 
 } // namespace
@@ -116,8 +122,7 @@ HeaderMap mergedHeaders(const HeaderMap &defaults, const char16_t *perCallText)
 {
     const HeaderMap perCall = headersFromJson(perCallText);
     HeaderMap merged = defaults;
-    for (auto header = perCall.constBegin(); header != perCall.constEnd(); ++header)
-        merged.insert(header.key(), header.value());
+    merged.insert(perCall);
     return merged;
 }
 
@@ -163,45 +168,26 @@ QString cacheStatisticsToJson(const CloudCacheStatistics &statistics)
 
 QString cogProbeToJson(const CogProbeResult &result)
 {
-    QJsonObject object;
-    object.insert(QLatin1String("url"), urlText(result.url));
-    object.insert(QLatin1String("contentLength"), integerValue(result.contentLength));
+    QJsonObject object = probeObject(result);
     object.insert(QLatin1String("firstIfdOffset"), integerValue(result.firstIfdOffset));
     object.insert(QLatin1String("byteOrder"), byteText(result.byteOrder));
-    object.insert(QLatin1String("etag"), byteText(result.etag));
-    object.insert(QLatin1String("contentType"), byteText(result.contentType));
-    object.insert(QLatin1String("acceptsRanges"), result.acceptsRanges);
     object.insert(QLatin1String("tiffHeaderValid"), result.tiffHeaderValid);
     object.insert(QLatin1String("bigTiff"), result.bigTiff);
     object.insert(QLatin1String("firstIfdNearStart"), result.firstIfdNearStart);
-    object.insert(QLatin1String("cloudReadable"), result.cloudReadable);
-    object.insert(QLatin1String("diagnostic"), result.diagnostic);
     return documentText(object);
 }
 
 QString geoParquetProbeToJson(const GeoParquetProbeResult &result)
 {
-    QJsonObject object;
-    object.insert(QLatin1String("url"), urlText(result.url));
-    object.insert(QLatin1String("contentLength"), integerValue(result.contentLength));
-    object.insert(QLatin1String("etag"), byteText(result.etag));
-    object.insert(QLatin1String("contentType"), byteText(result.contentType));
-    object.insert(QLatin1String("acceptsRanges"), result.acceptsRanges);
+    QJsonObject object = probeObject(result);
     object.insert(QLatin1String("headerValid"), result.headerValid);
     object.insert(QLatin1String("footerValid"), result.footerValid);
-    object.insert(QLatin1String("cloudReadable"), result.cloudReadable);
-    object.insert(QLatin1String("diagnostic"), result.diagnostic);
     return documentText(object);
 }
 
 QString pmTilesProbeToJson(const PmTilesProbeResult &result)
 {
-    QJsonObject object;
-    object.insert(QLatin1String("url"), urlText(result.url));
-    object.insert(QLatin1String("contentLength"), integerValue(result.contentLength));
-    object.insert(QLatin1String("etag"), byteText(result.etag));
-    object.insert(QLatin1String("contentType"), byteText(result.contentType));
-    object.insert(QLatin1String("acceptsRanges"), result.acceptsRanges);
+    QJsonObject object = probeObject(result);
     object.insert(QLatin1String("headerValid"), result.headerValid);
     object.insert(QLatin1String("specificationVersion"), integerValue(result.specificationVersion));
     object.insert(QLatin1String("rootDirectoryOffset"), integerValue(result.rootDirectoryOffset));
@@ -215,8 +201,6 @@ QString pmTilesProbeToJson(const PmTilesProbeResult &result)
     object.insert(QLatin1String("tileType"), integerValue(result.tileType));
     object.insert(QLatin1String("tileKind"), result.tileKind);
     object.insert(QLatin1String("remote"), result.remote);
-    object.insert(QLatin1String("cloudReadable"), result.cloudReadable);
-    object.insert(QLatin1String("diagnostic"), result.diagnostic);
     return documentText(object);
 }
 
@@ -228,7 +212,7 @@ QJsonObject stacAssetToJson(const StacAsset &asset)
     object.insert(QLatin1String("title"), asset.title);
     object.insert(QLatin1String("description"), asset.description);
     object.insert(QLatin1String("mediaType"), asset.mediaType);
-    object.insert(QLatin1String("roles"), textArray(asset.roles));
+    object.insert(QLatin1String("roles"), QJsonArray::fromStringList(asset.roles));
     return object;
 }
 
@@ -278,7 +262,7 @@ QString cogLayerToJson(const StacCogLayer &layer)
     object.insert(QLatin1String("gdalVirtualPath"), layer.gdalVirtualPath);
     object.insert(QLatin1String("title"), layer.title);
     object.insert(QLatin1String("mediaType"), layer.mediaType);
-    object.insert(QLatin1String("roles"), textArray(layer.roles));
+    object.insert(QLatin1String("roles"), QJsonArray::fromStringList(layer.roles));
     object.insert(QLatin1String("bbox"), numberArray(layer.bbox));
     object.insert(QLatin1String("geometry"), layer.geometry);
     object.insert(QLatin1String("itemProperties"), layer.itemProperties);

@@ -4,37 +4,58 @@
 
 #include <norvanecloud/flat.h>
 
+#include "flat/applicationguard.h"
+#include "flat/callframe.h"
 #include "flat/flatdocuments.h"
-#include "flat/flatframe.h"
 #include "flat/flatmessages.h"
+#include "flat/norvanecloudclient.h"
 
 #include <norvanecloud/stac.h>
 
-#include <new>
 #include <stdexcept>
 
 using namespace Norvane::Cloud;
 
 namespace {
 
-std::unique_ptr<StacClient> stacClientFor(const CloudClient &client, const char16_t *catalogUrl)
-{
-    auto stac = std::make_unique<StacClient>(urlArgument(catalogUrl), client.cache);
-    stac->setTimeoutMilliseconds(client.timeoutMilliseconds);
-    stac->setHeaders(client.headers);
-    return stac;
-}
-
 // A probe holds an application guard for its whole run, checks the handle, merges the per-call headers into the
-// client's (a malformed headers text fails here, before any exchange) and writes the probe's document.
-template <typename Probe>
-int32_t probeReturningText(
-    NorvaneCloudClient *client, const char16_t *headersJson, char16_t *buffer, int32_t capacity, Probe probe)
+// client's (a malformed headers text fails here, before any exchange), reads the location as the source takes it
+// and writes the probe's document.
+template <typename Source, typename Location, typename Result>
+int32_t probeReturningText(NorvaneCloudClient *client,
+    Source NorvaneCloudClient::*source,
+    Location (*location)(const char16_t *),
+    const char16_t *locationText,
+    const char16_t *headersJson,
+    QString (*document)(const Result &),
+    char16_t *buffer,
+    int32_t capacity)
 {
     const ApplicationGuard guard;
     return callReturningText(buffer, capacity, [&] {
-        const CloudClient &record = clientFromHandle(client);
-        return probe(record, mergedHeaders(record.headers, headersJson));
+        const NorvaneCloudClient &record = clientFromHandle(client);
+        const HeaderMap headers = mergedHeaders(record.headers, headersJson);
+        return document((record.*source).probe(location(locationText), headers));
+    });
+}
+
+// A catalogue call holds an application guard for its whole run, checks the handle, searches the catalogue with
+// the client's headers and time-out, and writes a document from the first page.
+template <typename Document>
+int32_t searchReturningText(NorvaneCloudClient *client,
+    const char16_t *catalogUrl,
+    const char16_t *searchRequestJson,
+    char16_t *buffer,
+    int32_t capacity,
+    Document document)
+{
+    const ApplicationGuard guard;
+    return callReturningText(buffer, capacity, [&] {
+        const NorvaneCloudClient &record = clientFromHandle(client);
+        StacClient stac(urlArgument(catalogUrl), record.cache);
+        stac.setTimeoutMilliseconds(record.timeoutMilliseconds);
+        stac.setHeaders(record.headers);
+        return document(stac, stac.search(searchRequestFromJson(searchRequestJson)));
     });
 }
 
@@ -44,13 +65,8 @@ extern "C" {
 
 NorvaneCloudClient *NorvaneCloud_CreateClient(const char16_t *optionsJson)
 {
-    clearLastError();
-    try {
-        return new NorvaneCloudClient(cacheOptionsFromJson(optionsJson));
-    } catch (const std::exception &error) {
-        setLastError(QString::fromUtf8(error.what()));
-        return nullptr;
-    }
+    return callReturning<NorvaneCloudClient *>(
+        nullptr, [&] { return new NorvaneCloudClient(cacheOptionsFromJson(optionsJson)); });
 }
 
 void NorvaneCloud_DestroyClient(NorvaneCloudClient *client)
@@ -66,7 +82,7 @@ int32_t NorvaneCloud_LastError(char16_t *buffer, int32_t capacity)
 int32_t NorvaneCloud_SetTimeout(NorvaneCloudClient *client, int32_t milliseconds)
 {
     return callReturningFlag([&] {
-        CloudClient &record = clientFromHandle(client);
+        NorvaneCloudClient &record = clientFromHandle(client);
         // The first reader refuses a bad value before anything changes, so a failure leaves the client whole.
         record.cog.rangeReader().setTimeoutMilliseconds(milliseconds);
         record.geoParquet.rangeReader().setTimeoutMilliseconds(milliseconds);
@@ -79,7 +95,7 @@ int32_t NorvaneCloud_SetHeadersJson(NorvaneCloudClient *client, const char16_t *
 {
     return callReturningFlag([&] {
         // The document is read before the handle is looked at, so a malformed one is reported first.
-        QHash<QByteArray, QByteArray> headers = headersFromJson(headersJson);
+        HeaderMap headers = headersFromJson(headersJson);
         clientFromHandle(client).headers = std::move(headers);
     });
 }
@@ -120,18 +136,14 @@ int32_t NorvaneCloud_CogProbeJson(
     NorvaneCloudClient *client, const char16_t *url, const char16_t *headersJson, char16_t *buffer, int32_t capacity)
 {
     return probeReturningText(
-        client, headersJson, buffer, capacity, [&](const CloudClient &record, const auto &headers) {
-            return cogProbeToJson(record.cog.probe(urlArgument(url), headers));
-        });
+        client, &NorvaneCloudClient::cog, urlArgument, url, headersJson, cogProbeToJson, buffer, capacity);
 }
 
 int32_t NorvaneCloud_GeoParquetProbeJson(
     NorvaneCloudClient *client, const char16_t *url, const char16_t *headersJson, char16_t *buffer, int32_t capacity)
 {
-    return probeReturningText(
-        client, headersJson, buffer, capacity, [&](const CloudClient &record, const auto &headers) {
-            return geoParquetProbeToJson(record.geoParquet.probe(urlArgument(url), headers));
-        });
+    return probeReturningText(client, &NorvaneCloudClient::geoParquet, urlArgument, url, headersJson,
+        geoParquetProbeToJson, buffer, capacity);
 }
 
 int32_t NorvaneCloud_PmTilesInspectJson(NorvaneCloudClient *client,
@@ -140,20 +152,16 @@ int32_t NorvaneCloud_PmTilesInspectJson(NorvaneCloudClient *client,
     char16_t *buffer,
     int32_t capacity)
 {
-    return probeReturningText(
-        client, headersJson, buffer, capacity, [&](const CloudClient &record, const auto &headers) {
-            // The text form: a local archive path reaches the probe as a path, not as a URL.
-            return pmTilesProbeToJson(record.pmTiles.probe(textArgument(location), headers));
-        });
+    // The text form: a local archive path reaches the probe as a path, not as a URL.
+    return probeReturningText(client, &NorvaneCloudClient::pmTiles, textArgument, location, headersJson,
+        pmTilesProbeToJson, buffer, capacity);
 }
 
 int32_t NorvaneCloud_PmTilesProbeJson(
     NorvaneCloudClient *client, const char16_t *url, const char16_t *headersJson, char16_t *buffer, int32_t capacity)
 {
     return probeReturningText(
-        client, headersJson, buffer, capacity, [&](const CloudClient &record, const auto &headers) {
-            return pmTilesProbeToJson(record.pmTiles.probe(urlArgument(url), headers));
-        });
+        client, &NorvaneCloudClient::pmTiles, urlArgument, url, headersJson, pmTilesProbeToJson, buffer, capacity);
 }
 
 int32_t NorvaneCloud_StacSearchJson(NorvaneCloudClient *client,
@@ -162,12 +170,8 @@ int32_t NorvaneCloud_StacSearchJson(NorvaneCloudClient *client,
     char16_t *buffer,
     int32_t capacity)
 {
-    const ApplicationGuard guard;
-    return callReturningText(buffer, capacity, [&] {
-        const CloudClient &record = clientFromHandle(client);
-        const std::unique_ptr<StacClient> stac = stacClientFor(record, catalogUrl);
-        return searchResultToJson(stac->search(searchRequestFromJson(searchRequestJson)));
-    });
+    return searchReturningText(client, catalogUrl, searchRequestJson, buffer, capacity,
+        [](const StacClient &, const StacSearchResult &page) { return searchResultToJson(page); });
 }
 
 int32_t NorvaneCloud_StacResolveCogLayerJson(NorvaneCloudClient *client,
@@ -178,15 +182,12 @@ int32_t NorvaneCloud_StacResolveCogLayerJson(NorvaneCloudClient *client,
     char16_t *buffer,
     int32_t capacity)
 {
-    const ApplicationGuard guard;
-    return callReturningText(buffer, capacity, [&] {
-        const CloudClient &record = clientFromHandle(client);
-        const std::unique_ptr<StacClient> stac = stacClientFor(record, catalogUrl);
-        const StacSearchResult page = stac->search(searchRequestFromJson(searchRequestJson));
-        if (itemIndex < 0 || itemIndex >= page.items.size())
-            throw std::invalid_argument(FlatMessages::itemIndexOutOfRange);
-        return cogLayerToJson(stac->cogLayer(page.items.at(itemIndex), textArgument(assetKey)));
-    });
+    return searchReturningText(client, catalogUrl, searchRequestJson, buffer, capacity,
+        [&](const StacClient &stac, const StacSearchResult &page) {
+            if (itemIndex < 0 || itemIndex >= page.items.size())
+                throw std::invalid_argument(FlatMessages::itemIndexOutOfRange);
+            return cogLayerToJson(stac.cogLayer(page.items.at(itemIndex), textArgument(assetKey)));
+        });
 }
 
 } // extern "C"

@@ -4,7 +4,7 @@
 
 #include "faultserver.h"
 #include "flat/flatdocuments.h"
-#include "flat/flatframe.h"
+#include "flat/callframe.h"
 #include "nginxserver.h"
 #include "stac/stacsearchrequest.h"
 

@@ -1,13 +1,12 @@
-#include "flat/flatframe.h"
+#include "flat/applicationguard.h"
 
 #include "flat/flatmessages.h"
 
 #include <QCoreApplication>
 
-#include <algorithm>
 #include <clocale>
 #include <cstring>
-#include <stdexcept>
+#include <exception>
 
 namespace Norvane::Cloud {
 
@@ -19,21 +18,7 @@ QMutex &applicationMutex()
     return mutex;
 }
 
-QString &threadLastError()
-{
-    thread_local QString text;
-    return text;
-}
-
 } // namespace
-
-CloudClient::CloudClient(const CloudCacheOptions &options)
-    : cache(std::make_shared<CloudRangeCache>(options))
-    , cog(cache)
-    , geoParquet(cache)
-    , pmTiles(cache)
-{
-}
 
 ApplicationGuard::ApplicationGuard() noexcept
     : lock(applicationMutex(), std::defer_lock)
@@ -73,51 +58,6 @@ ApplicationGuard::~ApplicationGuard()
         lock.unlock();
         mutexHeld = false;
     }
-}
-
-const QString &lastError()
-{
-    return threadLastError();
-}
-
-void setLastError(const QString &message)
-{
-    threadLastError() = message;
-}
-
-void clearLastError()
-{
-    threadLastError().clear();
-}
-
-QString textArgument(const char16_t *text)
-{
-    if (text == nullptr)
-        return QString();
-    return QString::fromUtf16(text);
-}
-
-QUrl urlArgument(const char16_t *text)
-{
-    return QUrl(textArgument(text), QUrl::TolerantMode);
-}
-
-qint32 copyResultText(const QString &text, char16_t *buffer, qint32 capacity)
-{
-    const qint32 length = static_cast<qint32>(text.size());
-    if (buffer == nullptr || capacity <= 0)
-        return length;
-    const qint32 copied = std::min(capacity - 1, length);
-    std::copy_n(reinterpret_cast<const char16_t *>(text.utf16()), copied, buffer);
-    buffer[copied] = u'\0';
-    return length;
-}
-
-CloudClient &clientFromHandle(NorvaneCloudClient *handle)
-{
-    if (handle == nullptr)
-        throw std::invalid_argument(FlatMessages::clientNull);
-    return handle->client;
 }
 
 } // namespace Norvane::Cloud
