@@ -1,13 +1,13 @@
 #pragma once
 
-// Argument parsing for norvane-cloud: global options anywhere on the line, then a subcommand with its own
-// options and positional arguments.
+// What a command gets: the command line read against its options, and the streams it writes to.
 
 #include <QByteArray>
+#include <QCommandLineOption>
 #include <QHash>
-#include <QMultiHash>
 #include <QString>
 #include <QStringList>
+#include <QTextStream>
 
 #include <stdexcept>
 
@@ -23,7 +23,7 @@ private:
     QString commandName;
 };
 
-/// Options every subcommand understands.
+/// Options every command understands.
 struct GlobalOptions {
     QHash<QByteArray, QByteArray> headers;
     int timeoutMilliseconds = 30000;
@@ -31,35 +31,47 @@ struct GlobalOptions {
     bool noCache = false;
 };
 
-/// One option a subcommand accepts.
-struct OptionSpec {
-    QString name; // without the leading dashes; "o" for -o
-    bool takesValue = false;
-};
-
-/// A parsed command line.
-struct ParsedCommand {
-    QStringList words; // subcommand words and positional arguments, in order
-    QMultiHash<QString, QString> options;
-    bool helpRequested = false;
+/// One command line read against the options of one command.
+struct Invocation {
+    QString command;
+    QStringList words; // the command's words and its positional arguments, in order
+    QHash<QString, QStringList> options; // by the option's first name; a flag that was given has no values
     GlobalOptions global;
+    bool helpRequested = false;
 
-    bool has(const QString &name) const { return options.contains(name); }
-    QString value(const QString &name, const QString &fallback = {}) const;
-    /// Every value of a repeatable option, in command-line order.
-    QStringList values(const QString &name) const;
+    bool has(const QString &option) const { return options.contains(option); }
+    /// The last value given, or the fallback.
+    QString value(const QString &option, const QString &fallback = {}) const
+    {
+        const QStringList given = options.value(option);
+        return given.isEmpty() ? fallback : given.last();
+    }
+    /// Every value given, in command-line order.
+    QStringList values(const QString &option) const { return options.value(option); }
 };
 
-/// Splits the arguments (without the program name). Options unknown to both the global set and `accepted`
-/// are usage errors of `command`.
-ParsedCommand parseCommandLine(const QStringList &arguments, const QList<OptionSpec> &accepted, const QString &command);
+/// Where a command writes: normal output, messages and progress. Progress is drawn only on a terminal.
+struct Console {
+    QTextStream &out;
+    QTextStream &err;
+    bool progressOnTerminal = false;
+};
 
-/// The subcommand a command line names (its first one or two words), for choosing the accepted options.
-QString subcommandOf(const QStringList &arguments);
+/// An option that takes a value, under one name or more.
+QCommandLineOption withValue(const QStringList &names);
 
-/// Usage text of one subcommand, or of the whole tool for an empty name.
-QString usageText(const QString &command);
+/// The positional arguments of a command line (program name first), global options and their values left out.
+QStringList positionalArguments(const QStringList &arguments);
 
-qint64 parseInteger(const QString &text, const QString &what, const QString &command);
+/// Reads a command line (program name first) against the global options and the command's own; a mistake is a
+/// UsageError of the command.
+Invocation readCommandLine(
+    const QStringList &arguments, const QString &command, const QList<QCommandLineOption> &options);
+
+/// The text as a whole number; anything else is a UsageError of the command naming `what`.
+qint64 wholeNumber(const QString &text, const QString &what, const QString &command);
+
+/// Throws the UsageError "missing argument" or "too many arguments" unless the invocation has `count` words.
+void requireWords(const Invocation &invocation, int count);
 
 } // namespace NorvaneCloudTool

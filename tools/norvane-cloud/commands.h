@@ -1,23 +1,35 @@
 #pragma once
 
+// The commands of norvane-cloud. Each one returns the exit status; library failures are thrown as std::exception,
+// command-line mistakes as UsageError.
+
 #include "commandline.h"
 
-#include <QTextStream>
+#include <norvanecloud/formats.h>
+
+#include <QUrl>
+
+#include <memory>
 
 namespace NorvaneCloudTool {
 
-/// Where a command writes: normal output, messages and progress. Progress is drawn only on a terminal.
-struct Console {
-    QTextStream &out;
-    QTextStream &err;
-    bool progressOnTerminal = false;
-};
+int probeCommand(const Invocation &invocation, Console &console);
+int readCommand(const Invocation &invocation, Console &console);
+int viewportCommand(const Invocation &invocation, Console &console);
+int stacSearchCommand(const Invocation &invocation, Console &console);
+int stacLayerCommand(const Invocation &invocation, Console &console);
+int gdalPathCommand(const Invocation &invocation, Console &console);
+int gdalOptionsCommand(const Invocation &invocation, Console &console);
+int cacheStatsCommand(const Invocation &invocation, Console &console);
+int cacheClearCommand(const Invocation &invocation, Console &console);
+int demoCommand(const Invocation &invocation, Console &console);
 
-/// Runs one subcommand. Returns the exit status; library failures are thrown as std::exception, command-line
-/// mistakes as UsageError.
-int runCommand(const QString &command, const QStringList &arguments, Console &console);
-
-/// The options each subcommand accepts besides the global ones.
-QList<OptionSpec> optionsOf(const QString &command);
+/// The cache the global options ask for.
+std::shared_ptr<Norvane::Cloud::CloudRangeCache> makeCache(const GlobalOptions &global);
+/// A location argument as a URL, read in tolerant mode.
+QUrl urlArgument(const QString &text);
+/// The ranges of a ranges file: one "OFFSET LENGTH" or "OFFSET:LENGTH" a line, "#" starting a comment. A file that
+/// cannot be read or a line that is no range is a UsageError of the command.
+QList<Norvane::Cloud::CogByteRange> rangesFromFile(const QString &path, const QString &command);
 
 } // namespace NorvaneCloudTool

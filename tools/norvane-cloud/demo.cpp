@@ -1,8 +1,8 @@
 #include "demo.h"
 
 #include "demoserver.h"
-#include "flatclient.h"
 #include "output.h"
+#include "toolmessages.h"
 
 #include <norvanecloud/formats.h>
 #include <norvanecloud/stac.h>
@@ -30,7 +30,7 @@ QByteArray resource(const QString &name)
 {
     QFile file(QStringLiteral(":/demo/") + name);
     if (!file.open(QIODevice::ReadOnly))
-        throw std::runtime_error(QStringLiteral("bundled sample %1 is missing").arg(name).toStdString());
+        throw std::runtime_error(ToolMessages::sampleMissing.arg(name).toStdString());
     return file.readAll();
 }
 
@@ -67,13 +67,16 @@ QByteArray pageForSampleServer(const QByteArray &recorded, const DemoServer &ser
 
 void serveSamples(DemoServer &server)
 {
-    server.serveObject(cogPath, resource(QStringLiteral("demo-cog.tif")), QByteArrayLiteral("image/tiff"));
     server.serveObject(
-        pmTilesPath, resource(QStringLiteral("demo.pmtiles")), QByteArrayLiteral("application/vnd.pmtiles"));
-    server.serveObject(parquetPath, resource(QStringLiteral("demo-countries.parquet")),
+        cogPath, resource(QStringLiteral("tiff/cog-ghost-header-deflate-2ifd.tif")), QByteArrayLiteral("image/tiff"));
+    server.serveObject(pmTilesPath, resource(QStringLiteral("pmtiles/test-fixture-1-mvt-z0.pmtiles")),
+        QByteArrayLiteral("application/vnd.pmtiles"));
+    server.serveObject(parquetPath, resource(QStringLiteral("parquet/geoparquet-v1.1.0-example-countries.parquet")),
         QByteArrayLiteral("application/vnd.apache.parquet"));
-    const QByteArray firstPage = pageForSampleServer(resource(QStringLiteral("stac-page1.json")), server);
-    const QByteArray secondPage = pageForSampleServer(resource(QStringLiteral("stac-page2.json")), server);
+    const QByteArray firstPage = pageForSampleServer(
+        resource(QStringLiteral("stac/planetary-computer-naip-page1-next-post-token.json")), server);
+    const QByteArray secondPage = pageForSampleServer(
+        resource(QStringLiteral("stac/planetary-computer-naip-page2-next-and-previous-post-token.json")), server);
     // The recorded API pages by a token in the POST body of the next link.
     server.serveComputed(catalogPath + QStringLiteral("/search"), QByteArrayLiteral("application/geo+json"),
         [firstPage, secondPage](const QByteArray &requestBody) {
@@ -82,35 +85,6 @@ void serveSamples(DemoServer &server)
         });
 }
 
-QList<CogByteRange> demoTiles()
-{
-    QList<CogByteRange> tiles;
-    const QList<QByteArray> lines = resource(QStringLiteral("demo-cog.tiles")).split('\n');
-    for (const QByteArray &line : lines) {
-        const QList<QByteArray> fields = line.simplified().split(' ');
-        if (fields.size() == 2 && !line.startsWith('#'))
-            tiles.append(CogByteRange { fields.at(0).toLongLong(), fields.at(1).toLongLong() });
-    }
-    return tiles;
-}
-
-class Steps {
-public:
-    explicit Steps(QTextStream &out)
-        : out(out)
-    {
-    }
-    void begin(const QString &title)
-    {
-        out << '\n' << "== " << ++number << ". " << title << '\n';
-        out.flush();
-    }
-
-private:
-    QTextStream &out;
-    int number = 0;
-};
-
 } // namespace
 
 int runDemo(const GlobalOptions &global, Console &console)
@@ -118,8 +92,7 @@ int runDemo(const GlobalOptions &global, Console &console)
     QTextStream &out = console.out;
     DemoServer server;
     if (!server.start())
-        throw std::runtime_error(
-            QStringLiteral("the sample server could not start: %1").arg(server.errorString()).toStdString());
+        throw std::runtime_error(ToolMessages::sampleServerNotStarted.arg(server.errorString()).toStdString());
     serveSamples(server);
 
     // A fresh cache folder shows the first reads going to the network; --cache-dir keeps one instead.
@@ -131,7 +104,11 @@ int runDemo(const GlobalOptions &global, Console &console)
     out << "Sample server: " << server.url(QStringLiteral("/")).toString() << '\n'
         << "Cache folder:  " << cache->options().directory << '\n';
 
-    Steps steps(out);
+    int step = 0;
+    const auto begin = [&out, &step](const QString &title) {
+        out << '\n' << "== " << ++step << ". " << title << '\n';
+        out.flush();
+    };
     CogSource cog(cache);
     PmTilesSource pmTiles(cache);
     GeoParquetSource geoParquet(cache);
@@ -139,26 +116,26 @@ int runDemo(const GlobalOptions &global, Console &console)
         reader->setTimeoutMilliseconds(global.timeoutMilliseconds);
 
     const QUrl cogUrl = server.url(cogPath);
-    steps.begin(QStringLiteral("Probe a Cloud Optimized GeoTIFF: %1").arg(cogUrl.toString()));
-    printCogProbe(out, cog.probe(cogUrl, global.headers));
+    begin(QStringLiteral("Probe a Cloud Optimized GeoTIFF: %1").arg(cogUrl.toString()));
+    printProbe(out, cog.probe(cogUrl, global.headers));
 
-    steps.begin(QStringLiteral("Probe a PMTiles archive: %1").arg(server.url(pmTilesPath).toString()));
-    printPmTilesProbe(out, pmTiles.probe(server.url(pmTilesPath).toString(), global.headers));
+    begin(QStringLiteral("Probe a PMTiles archive: %1").arg(server.url(pmTilesPath).toString()));
+    printProbe(out, pmTiles.probe(server.url(pmTilesPath).toString(), global.headers));
 
-    steps.begin(QStringLiteral("Probe a GeoParquet object: %1").arg(server.url(parquetPath).toString()));
-    printGeoParquetProbe(out, geoParquet.probe(server.url(parquetPath), global.headers));
+    begin(QStringLiteral("Probe a GeoParquet object: %1").arg(server.url(parquetPath).toString()));
+    printProbe(out, geoParquet.probe(server.url(parquetPath), global.headers));
 
     CogViewportRequest viewport;
     viewport.url = cogUrl;
-    viewport.ranges = demoTiles();
+    viewport.ranges = rangesFromFile(QStringLiteral(":/demo/demo-cog.tiles"), QStringLiteral("demo"));
     viewport.headers = global.headers;
     viewport.overviewLevel = 0;
-    steps.begin(QStringLiteral("Read a viewport of %1 tiles in coalesced requests").arg(viewport.ranges.size()));
+    begin(QStringLiteral("Read a viewport of %1 tiles in coalesced requests").arg(viewport.ranges.size()));
     const int requestsBefore = server.requestCount(cogPath);
     printViewportSummary(out, cog.readViewport(viewport));
     out << "HTTP requests made: " << server.requestCount(cogPath) - requestsBefore << '\n';
 
-    steps.begin(QStringLiteral("Read the same viewport again: served by the cache"));
+    begin(QStringLiteral("Read the same viewport again: served by the cache"));
     const int requestsBeforeRepeat = server.requestCount(cogPath);
     printViewportSummary(out, cog.readViewport(viewport));
     out << "HTTP requests made: " << server.requestCount(cogPath) - requestsBeforeRepeat << '\n';
@@ -170,33 +147,30 @@ int runDemo(const GlobalOptions &global, Console &console)
     StacSearchRequest search;
     search.collections = QStringList { QStringLiteral("naip") };
     search.limit = 10;
-    steps.begin(QStringLiteral("Search the STAC catalogue %1").arg(catalogUrl.toString()));
+    begin(QStringLiteral("Search the STAC catalogue %1").arg(catalogUrl.toString()));
     const StacSearchResult firstPage = stac.search(search);
     printStacItems(out, firstPage.items);
     out << "next page: " << firstPage.nextMethod << ' ' << firstPage.nextPage.toString() << '\n';
 
-    steps.begin(QStringLiteral("Follow the next page (%1)").arg(QString::fromLatin1(firstPage.nextMethod)));
+    begin(QStringLiteral("Follow the next page (%1)").arg(QString::fromLatin1(firstPage.nextMethod)));
     const StacSearchResult secondPage = stac.fetchNext(firstPage);
     printStacItems(out, secondPage.items);
 
-    steps.begin(QStringLiteral("Resolve the COG layer of the first item and probe it"));
+    begin(QStringLiteral("Resolve the COG layer of the first item and probe it"));
     const StacCogLayer layer = stac.cogLayer(firstPage.items.value(0), QString());
     printCogLayer(out, layer);
     out << "probe: " << cog.probe(layer.sourceUrl, layer.requestHeaders).diagnostic << '\n';
 
-    steps.begin(QStringLiteral("GDAL access strings"));
+    begin(QStringLiteral("GDAL access strings"));
     out << "COG:        " << cog.gdalVirtualPath(cogUrl) << '\n'
         << "PMTiles:    " << pmTiles.gdalPath(server.url(pmTilesPath).toString()) << '\n'
         << "GeoParquet: " << geoParquet.gdalVirtualPath(server.url(parquetPath)) << '\n';
-    QHash<QByteArray, QByteArray> gdalOptions = cog.recommendedGdalOptions(256LL * 1024 * 1024);
-    QList<QByteArray> keys = gdalOptions.keys();
-    std::sort(keys.begin(), keys.end());
     out << "options:   ";
-    for (const QByteArray &key : keys)
-        out << " --config " << key << ' ' << gdalOptions.value(key);
+    for (const QString &pair : gdalConfigPairs(cog.recommendedGdalOptions(256LL * 1024 * 1024)))
+        out << ' ' << pair;
     out << '\n';
 
-    steps.begin(QStringLiteral("Cache statistics"));
+    begin(QStringLiteral("Cache statistics"));
     printCacheStatistics(out, cache->options(), cache->statistics());
 
     server.stop();

@@ -1,12 +1,38 @@
 // norvane-cloud: the library's capabilities from the command line.
-#include "commandline.h"
-#include "commands.h"
+#include "commandtable.h"
+#include "toolmessages.h"
 
 #include <QCoreApplication>
-#include <QTextStream>
 
 #include <exception>
 #include <unistd.h>
+
+namespace {
+
+using namespace NorvaneCloudTool;
+
+int run(const QStringList &arguments, Console &console)
+{
+    const QString name = commandNameOf(arguments);
+    if (name.isEmpty()) {
+        const QStringList given = arguments.mid(1);
+        const bool help = given.contains(QLatin1String("--help")) || given.contains(QLatin1String("-h"));
+        (help ? console.out : console.err) << usageText(nullptr);
+        return help ? 0 : 2;
+    }
+    const Command *command = findCommand(name);
+    const Invocation invocation
+        = readCommandLine(arguments, name, command ? command->options : QList<QCommandLineOption>());
+    if (invocation.helpRequested) {
+        console.out << usageText(command);
+        return 0;
+    }
+    if (!command)
+        throw UsageError(ToolMessages::unknownCommand.arg(name), QString());
+    return command->run(invocation, console);
+}
+
+} // namespace
 
 int main(int argc, char **argv)
 {
@@ -14,20 +40,11 @@ int main(int argc, char **argv)
     QCoreApplication::setApplicationName(QStringLiteral("norvane-cloud"));
     QTextStream out(stdout);
     QTextStream err(stderr);
-    NorvaneCloudTool::Console console { out, err, isatty(STDERR_FILENO) != 0 };
-
-    QStringList arguments = QCoreApplication::arguments();
-    arguments.removeFirst();
-    const QString command = NorvaneCloudTool::subcommandOf(arguments);
+    Console console { out, err, isatty(STDERR_FILENO) != 0 };
     try {
-        if (command.isEmpty()) {
-            const bool help = arguments.contains(QLatin1String("--help")) || arguments.contains(QLatin1String("-h"));
-            (help ? out : err) << NorvaneCloudTool::usageText(QString());
-            return help ? 0 : 2;
-        }
-        return NorvaneCloudTool::runCommand(command, arguments, console);
-    } catch (const NorvaneCloudTool::UsageError &error) {
-        err << "norvane-cloud: " << error.what() << "\n\n" << NorvaneCloudTool::usageText(error.command());
+        return run(QCoreApplication::arguments(), console);
+    } catch (const UsageError &error) {
+        err << "norvane-cloud: " << error.what() << "\n\n" << usageText(findCommand(error.command()));
         return 2;
     } catch (const std::exception &error) {
         out.flush();

@@ -2,6 +2,8 @@
 
 #include <QStringList>
 
+#include <type_traits>
+
 namespace NorvaneCloudTool {
 
 using namespace Norvane::Cloud;
@@ -52,62 +54,59 @@ void Table::print(QTextStream &out) const
         out << row.first.leftJustified(width + 2) << row.second << '\n';
 }
 
-void printCogProbe(QTextStream &out, const CogProbeResult &result)
+// A probe's table: the object as the server describes it, the format's own rows, then the verdict. Only a PMTiles
+// archive may be local, so only its table says whether the object is remote.
+template <typename Probe, typename FormatRows>
+void printProbeTable(QTextStream &out, const Probe &result, FormatRows formatRows)
 {
     Table table;
     table.add(QStringLiteral("url"), result.url.toString(QUrl::FullyEncoded));
+    if constexpr (std::is_same_v<Probe, PmTilesProbeResult>)
+        table.add(QStringLiteral("remote"), yesNo(result.remote));
     table.add(QStringLiteral("content length"), size(result.contentLength));
     table.add(QStringLiteral("content type"), bytes(result.contentType));
     table.add(QStringLiteral("etag"), bytes(result.etag));
     table.add(QStringLiteral("accepts ranges"), yesNo(result.acceptsRanges));
-    table.add(
-        QStringLiteral("byte order"), result.byteOrder.isEmpty() ? QStringLiteral("none") : bytes(result.byteOrder));
-    table.add(QStringLiteral("BigTIFF"), yesNo(result.bigTiff));
-    table.add(QStringLiteral("TIFF header valid"), yesNo(result.tiffHeaderValid));
-    table.add(QStringLiteral("first IFD offset"), number(result.firstIfdOffset));
-    table.add(QStringLiteral("first IFD near start"), yesNo(result.firstIfdNearStart));
+    formatRows(table);
     table.add(QStringLiteral("cloud readable"), yesNo(result.cloudReadable));
     table.add(QStringLiteral("diagnostic"), result.diagnostic);
     table.print(out);
 }
 
-void printPmTilesProbe(QTextStream &out, const PmTilesProbeResult &result)
+void printProbe(QTextStream &out, const CogProbeResult &result)
 {
-    Table table;
-    table.add(QStringLiteral("url"), result.url.toString(QUrl::FullyEncoded));
-    table.add(QStringLiteral("remote"), yesNo(result.remote));
-    table.add(QStringLiteral("content length"), size(result.contentLength));
-    table.add(QStringLiteral("content type"), bytes(result.contentType));
-    table.add(QStringLiteral("etag"), bytes(result.etag));
-    table.add(QStringLiteral("accepts ranges"), yesNo(result.acceptsRanges));
-    table.add(QStringLiteral("version"), number(result.specificationVersion));
-    table.add(QStringLiteral("header valid"), yesNo(result.headerValid));
-    table.add(QStringLiteral("tile type"), QStringLiteral("%1 (%2)").arg(result.tileType).arg(result.tileKind));
-    table.add(QStringLiteral("zoom"), QStringLiteral("%1 to %2").arg(result.minimumZoom).arg(result.maximumZoom));
-    table.add(QStringLiteral("root directory"),
-        QStringLiteral("offset %1, length %2").arg(result.rootDirectoryOffset).arg(result.rootDirectoryLength));
-    table.add(QStringLiteral("metadata"),
-        QStringLiteral("offset %1, length %2").arg(result.metadataOffset).arg(result.metadataLength));
-    table.add(QStringLiteral("tile data"),
-        QStringLiteral("offset %1, length %2").arg(result.tileDataOffset).arg(result.tileDataLength));
-    table.add(QStringLiteral("cloud readable"), yesNo(result.cloudReadable));
-    table.add(QStringLiteral("diagnostic"), result.diagnostic);
-    table.print(out);
+    printProbeTable(out, result, [&result](Table &table) {
+        table.add(QStringLiteral("byte order"),
+            result.byteOrder.isEmpty() ? QStringLiteral("none") : bytes(result.byteOrder));
+        table.add(QStringLiteral("BigTIFF"), yesNo(result.bigTiff));
+        table.add(QStringLiteral("TIFF header valid"), yesNo(result.tiffHeaderValid));
+        table.add(QStringLiteral("first IFD offset"), number(result.firstIfdOffset));
+        table.add(QStringLiteral("first IFD near start"), yesNo(result.firstIfdNearStart));
+    });
 }
 
-void printGeoParquetProbe(QTextStream &out, const GeoParquetProbeResult &result)
+void printProbe(QTextStream &out, const PmTilesProbeResult &result)
 {
-    Table table;
-    table.add(QStringLiteral("url"), result.url.toString(QUrl::FullyEncoded));
-    table.add(QStringLiteral("content length"), size(result.contentLength));
-    table.add(QStringLiteral("content type"), bytes(result.contentType));
-    table.add(QStringLiteral("etag"), bytes(result.etag));
-    table.add(QStringLiteral("accepts ranges"), yesNo(result.acceptsRanges));
-    table.add(QStringLiteral("header marker"), yesNo(result.headerValid));
-    table.add(QStringLiteral("footer marker"), yesNo(result.footerValid));
-    table.add(QStringLiteral("cloud readable"), yesNo(result.cloudReadable));
-    table.add(QStringLiteral("diagnostic"), result.diagnostic);
-    table.print(out);
+    const auto offsetAndLength
+        = [](qint64 offset, qint64 length) { return QStringLiteral("offset %1, length %2").arg(offset).arg(length); };
+    printProbeTable(out, result, [&](Table &table) {
+        table.add(QStringLiteral("version"), number(result.specificationVersion));
+        table.add(QStringLiteral("header valid"), yesNo(result.headerValid));
+        table.add(QStringLiteral("tile type"), QStringLiteral("%1 (%2)").arg(result.tileType).arg(result.tileKind));
+        table.add(QStringLiteral("zoom"), QStringLiteral("%1 to %2").arg(result.minimumZoom).arg(result.maximumZoom));
+        table.add(
+            QStringLiteral("root directory"), offsetAndLength(result.rootDirectoryOffset, result.rootDirectoryLength));
+        table.add(QStringLiteral("metadata"), offsetAndLength(result.metadataOffset, result.metadataLength));
+        table.add(QStringLiteral("tile data"), offsetAndLength(result.tileDataOffset, result.tileDataLength));
+    });
+}
+
+void printProbe(QTextStream &out, const GeoParquetProbeResult &result)
+{
+    printProbeTable(out, result, [&result](Table &table) {
+        table.add(QStringLiteral("header marker"), yesNo(result.headerValid));
+        table.add(QStringLiteral("footer marker"), yesNo(result.footerValid));
+    });
 }
 
 void printViewportSummary(QTextStream &out, const CogViewportResult &result)
@@ -175,6 +174,17 @@ void printCacheStatistics(QTextStream &out, const CloudCacheOptions &options, co
     table.add(QStringLiteral("memory bytes"), number(statistics.memoryBytes));
     table.add(QStringLiteral("disk bytes"), number(statistics.diskBytes));
     table.print(out);
+}
+
+QStringList gdalConfigPairs(const QHash<QByteArray, QByteArray> &options)
+{
+    QList<QByteArray> keys = options.keys();
+    std::sort(keys.begin(), keys.end());
+    QStringList pairs;
+    for (const QByteArray &key : keys)
+        pairs.append(
+            QStringLiteral("--config %1 %2").arg(QString::fromLatin1(key), QString::fromLatin1(options.value(key))));
+    return pairs;
 }
 
 ProgressBar::ProgressBar(QTextStream &stream, bool enabled)

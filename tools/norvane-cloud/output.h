@@ -19,15 +19,17 @@ private:
     QList<std::pair<QString, QString>> rows;
 };
 
-void printCogProbe(QTextStream &out, const Norvane::Cloud::CogProbeResult &result);
-void printPmTilesProbe(QTextStream &out, const Norvane::Cloud::PmTilesProbeResult &result);
-void printGeoParquetProbe(QTextStream &out, const Norvane::Cloud::GeoParquetProbeResult &result);
+void printProbe(QTextStream &out, const Norvane::Cloud::CogProbeResult &result);
+void printProbe(QTextStream &out, const Norvane::Cloud::PmTilesProbeResult &result);
+void printProbe(QTextStream &out, const Norvane::Cloud::GeoParquetProbeResult &result);
 void printViewportSummary(QTextStream &out, const Norvane::Cloud::CogViewportResult &result);
 void printStacItems(QTextStream &out, const QList<Norvane::Cloud::StacItem> &items);
 void printCogLayer(QTextStream &out, const Norvane::Cloud::StacCogLayer &layer);
 void printCacheStatistics(QTextStream &out,
     const Norvane::Cloud::CloudCacheOptions &options,
     const Norvane::Cloud::CloudCacheStatistics &statistics);
+/// GDAL options as "--config KEY VALUE" pairs, sorted by key.
+QStringList gdalConfigPairs(const QHash<QByteArray, QByteArray> &options);
 
 /// A one-line progress bar redrawn in place; draws nothing when the stream is not a terminal.
 class ProgressBar final {

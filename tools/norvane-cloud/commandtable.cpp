@@ -1,0 +1,139 @@
+#include "commandtable.h"
+
+#include "commands.h"
+
+#include <algorithm>
+
+namespace NorvaneCloudTool {
+
+namespace {
+
+QCommandLineOption flag(const QString &name)
+{
+    return QCommandLineOption(name);
+}
+
+// The options of a search, and the ones the command adds.
+QList<QCommandLineOption> searchOptions(const QStringList &more)
+{
+    QList<QCommandLineOption> options { withValue({ QStringLiteral("collections") }),
+        withValue({ QStringLiteral("bbox") }), withValue({ QStringLiteral("datetime") }),
+        withValue({ QStringLiteral("limit") }), flag(QStringLiteral("json")) };
+    for (const QString &name : more)
+        options.append(withValue({ name }));
+    return options;
+}
+
+const QList<Command> &commands()
+{
+    static const QList<Command> table {
+        { QStringLiteral("probe"), { withValue({ QStringLiteral("format") }), flag(QStringLiteral("json")) },
+            QStringLiteral("probe LOCATION"), QStringLiteral("what a COG, PMTiles or GeoParquet object offers"),
+            QStringLiteral("Usage: norvane-cloud probe LOCATION [--format cog|pmtiles|parquet] [--json]\n"
+                           "Inspects an object and tells whether it can be read range by range. The format comes from\n"
+                           "the extension unless --format is given; PMTiles locations may be local files.\n"
+                           "  --json   print the flat interface's probe document\n"),
+            probeCommand },
+        { QStringLiteral("read"), { withValue({ QStringLiteral("o") }), withValue({ QStringLiteral("output") }) },
+            QStringLiteral("read URL OFFSET LENGTH"), QStringLiteral("one byte range"),
+            QStringLiteral("Usage: norvane-cloud read URL OFFSET LENGTH [-o FILE]\n"
+                           "Reads one byte range to standard output, or to FILE.\n"),
+            readCommand },
+        { QStringLiteral("viewport"),
+            { withValue({ QStringLiteral("range") }), withValue({ QStringLiteral("ranges-file") }),
+                withValue({ QStringLiteral("gap") }), withValue({ QStringLiteral("level") }) },
+            QStringLiteral("viewport URL --range ..."), QStringLiteral("coalesced reads of many ranges"),
+            QStringLiteral(
+                "Usage: norvane-cloud viewport URL --range OFFSET:LENGTH ... [--ranges-file FILE] [--gap N]\n"
+                "                             [--level L]\n"
+                "Reads many byte ranges (tiles) of a COG in few coalesced requests and reports what it did.\n"
+                "  --range OFFSET:LENGTH  a range to read (repeatable)\n"
+                "  --ranges-file FILE     ranges, one \"OFFSET LENGTH\" or \"OFFSET:LENGTH\" a line (# comments)\n"
+                "  --gap N                largest hole in bytes still read in one request (default 4096)\n"
+                "  --level L              overview level, reported back (default -1)\n"),
+            viewportCommand },
+        { QStringLiteral("stac search"), searchOptions({ QStringLiteral("max-pages") }),
+            QStringLiteral("stac search CATALOG"), QStringLiteral("search a STAC API"),
+            QStringLiteral(
+                "Usage: norvane-cloud stac search CATALOG [--collections a,b] [--bbox w,s,e,n] [--datetime T]\n"
+                "                                 [--limit N] [--max-pages N] [--json]\n"
+                "Searches a STAC API and lists the items, following next pages up to --max-pages (default 1).\n"
+                "  --json   print the flat interface's search result document of the first page\n"),
+            stacSearchCommand },
+        { QStringLiteral("stac layer"), searchOptions({ QStringLiteral("item"), QStringLiteral("asset") }),
+            QStringLiteral("stac layer CATALOG"), QStringLiteral("resolve an item's COG layer"),
+            QStringLiteral("Usage: norvane-cloud stac layer CATALOG --item N [--asset KEY] [search options] [--json]\n"
+                           "Searches, takes item N (from 0) of the first page and resolves its COG layer: the named\n"
+                           "asset, or the best HTTP COG asset.\n"),
+            stacLayerCommand },
+        { QStringLiteral("gdal-path"), { withValue({ QStringLiteral("format") }) },
+            QStringLiteral("gdal-path LOCATION"), QStringLiteral("GDAL path of an object"),
+            QStringLiteral("Usage: norvane-cloud gdal-path LOCATION [--format cog|pmtiles|parquet]\n"
+                           "Prints the path under which GDAL opens the object (\"/vsicurl/...\" for HTTP(S)).\n"),
+            gdalPathCommand },
+        { QStringLiteral("gdal-options"), { withValue({ QStringLiteral("cache-size") }) },
+            QStringLiteral("gdal-options"), QStringLiteral("recommended GDAL options"),
+            QStringLiteral("Usage: norvane-cloud gdal-options [--cache-size BYTES]\n"
+                           "Prints the recommended GDAL options for COG access as --config pairs (default cache size\n"
+                           "268435456 bytes).\n"),
+            gdalOptionsCommand },
+        { QStringLiteral("cache stats"), { flag(QStringLiteral("json")) }, QStringLiteral("cache stats | cache clear"),
+            QStringLiteral("the cache"),
+            QStringLiteral("Usage: norvane-cloud cache stats [--json]\n"
+                           "Prints the cache folder and its statistics.\n"),
+            cacheStatsCommand },
+        { QStringLiteral("cache clear"), {}, QString(), QString(),
+            QStringLiteral("Usage: norvane-cloud cache clear\n"
+                           "Deletes every entry of the cache, in memory and on disk.\n"),
+            cacheClearCommand },
+        { QStringLiteral("demo"), {}, QStringLiteral("demo"),
+            QStringLiteral("walk through everything on a bundled sample"),
+            QStringLiteral("Usage: norvane-cloud demo\n"
+                           "Serves a bundled sample set on a free loopback port and walks through every capability.\n"),
+            demoCommand },
+    };
+    return table;
+}
+
+} // namespace
+
+const Command *findCommand(const QString &name)
+{
+    const auto found = std::find_if(
+        commands().begin(), commands().end(), [&name](const Command &command) { return command.name == name; });
+    return found == commands().end() ? nullptr : &*found;
+}
+
+QString commandNameOf(const QStringList &arguments)
+{
+    // A "--" is an argument of the command, never its name.
+    QStringList words = positionalArguments(arguments);
+    words.removeAll(QStringLiteral("--"));
+    if (words.isEmpty())
+        return QString();
+    const QString twoWords = words.mid(0, 2).join(QLatin1Char(' '));
+    const bool sharedFirstWord = std::any_of(commands().begin(), commands().end(),
+        [&words](const Command &command) { return command.name.startsWith(words.first() + QLatin1Char(' ')); });
+    return sharedFirstWord ? twoWords : words.first();
+}
+
+QString usageText(const Command *command)
+{
+    static const QString globalText
+        = QStringLiteral("Global options:\n"
+                         "  --header \"Name: value\"  extra request header (repeatable)\n"
+                         "  --timeout MS            network time-out in milliseconds (default 30000)\n"
+                         "  --cache-dir DIR         cache folder (default: the user's cache location)\n"
+                         "  --no-cache              neither read from nor store in the cache\n"
+                         "  --help                  this text\n");
+    if (command)
+        return command->usage + QLatin1Char('\n') + globalText;
+    QString text = QStringLiteral("Usage: norvane-cloud COMMAND [options]\n\nCommands:\n");
+    for (const Command &entry : commands()) {
+        if (!entry.synopsis.isEmpty())
+            text += QStringLiteral("  ") + entry.synopsis.leftJustified(26) + entry.summary + QLatin1Char('\n');
+    }
+    return text + QStringLiteral("\nRun norvane-cloud COMMAND --help for a command's options.\n\n") + globalText;
+}
+
+} // namespace NorvaneCloudTool

@@ -1,0 +1,35 @@
+#pragma once
+
+// Every message text of norvane-cloud, once: the command-line mistakes (exit status 2) and the failures the tool
+// reports itself (exit status 1). The library's own failures reach the user in the library's words.
+
+#include <QLatin1String>
+
+namespace NorvaneCloudTool::ToolMessages {
+
+inline constexpr QLatin1String unknownCommand("unknown command \"%1\"");
+inline constexpr QLatin1String unknownOption("unknown option %1");
+inline constexpr QLatin1String optionNeedsValue("option %1 needs a value");
+inline constexpr QLatin1String optionTakesNoValue("option --%1 takes no value");
+inline constexpr QLatin1String missingArgument("missing argument");
+inline constexpr QLatin1String tooManyArguments("too many arguments");
+// %1 what the number is for, %2 the text given.
+inline constexpr QLatin1String notWholeNumber("%1 must be a whole number, got \"%2\"");
+inline constexpr QLatin1String headerMalformed("--header needs \"Name: value\", got \"%1\"");
+inline constexpr QLatin1String timeoutNotPositive("--timeout must be a positive number of milliseconds");
+inline constexpr QLatin1String formatUnknown("--format must be cog, pmtiles or parquet");
+inline constexpr QLatin1String formatNotTold("cannot tell the format of %1 from its name; use --format");
+inline constexpr QLatin1String rangeMalformed("a range is OFFSET:LENGTH, got \"%1\"");
+inline constexpr QLatin1String rangesFileUnreadable("cannot read ranges file %1");
+inline constexpr QLatin1String bboxNotNumbers("--bbox takes numbers separated by commas");
+inline constexpr QLatin1String maximumPagesNotPositive("--max-pages must be at least 1");
+inline constexpr QLatin1String itemRequired("--item N is required");
+
+// %1 the path, %2 the file system's error text.
+inline constexpr QLatin1String outputNotWritten("cannot write %1: %2");
+// %1 the index asked for, %2 the number of items on the page.
+inline constexpr QLatin1String itemNotOnFirstPage("item %1 is not on the first page (%2 items)");
+inline constexpr QLatin1String sampleMissing("bundled sample %1 is missing");
+inline constexpr QLatin1String sampleServerNotStarted("the sample server could not start: %1");
+
+} // namespace NorvaneCloudTool::ToolMessages
