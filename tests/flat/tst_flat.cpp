@@ -4,9 +4,9 @@
 
 #include "faultserver.h"
 #include "flat/flatdocuments.h"
-#include "flat/callframe.h"
 #include "nginxserver.h"
 #include "stac/stacsearchrequest.h"
+#include <norvanecloud/flat.h>
 
 #include <QJsonDocument>
 #include <QProcess>
