@@ -1,6 +1,6 @@
 #include "transport/cachedisktier.h"
 
-#include "transport/cacheentryage.h"
+#include "transport/cacheexpiry.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -107,7 +107,7 @@ std::optional<CacheDiskEntry> CacheDiskTier::read(const QString &key, qint64 now
     if (!file.open(QIODevice::ReadOnly))
         return std::nullopt;
     std::optional<CacheDiskEntry> decoded = readCacheDiskEntry(file);
-    // A write never stores an empty range: an entry that decodes to one is the header of a file whose rest reads as
+    // The cache never stores an empty range: an entry that decodes to one is the header of a file whose rest reads as
     // zeros (a read racing an in-place rewrite by another program, or blocks lost in a crash).
     if (decoded && !decoded->response.data.isEmpty()
         && !isCacheEntryExpired(decoded->storedAtMilliseconds, nowMilliseconds, maximumAgeSeconds)) {

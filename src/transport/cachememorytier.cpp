@@ -1,6 +1,6 @@
 #include "transport/cachememorytier.h"
 
-#include "transport/cacheentryage.h"
+#include "transport/cacheexpiry.h"
 
 namespace Norvane::Cloud {
 
