@@ -93,8 +93,6 @@ struct NORVANECLOUD_EXPORT CloudCacheStatistics {
     qint64 diskBytes = 0;
 };
 
-class CloudRangeCacheInternals;
-
 /// A two-tier cache of byte ranges (and other answers) keyed by text: a memory tier with least-recently-used
 /// eviction and a folder of ".nvc" entry files that outlive the process. Always held through shared ownership.
 ///
@@ -124,13 +122,21 @@ public:
     void clear();
     CloudCacheStatistics statistics() const;
 
-private:
-    friend class CloudRangeCacheInternals;
-    bool beginFetch(const QString &key);
-    void finishFetch(const QString &key);
-    void recordCacheTransfer(qint64 bytes);
-    void recordNetworkTransfer(qint64 bytes);
+    // The library's own readers share one fetch per key and count their transfers with these; they are not
+    // exported, so a host never calls them.
 
+    /// False: the caller now owns the fetch of key and must call finishFetch. True: another thread was fetching it
+    /// and this call waited until that fetch ended, without claiming the key; look in the cache again.
+    NORVANECLOUD_NO_EXPORT bool beginFetch(const QString &key);
+    /// Ends the caller's fetch of key and wakes every waiter, of any key, to look again.
+    NORVANECLOUD_NO_EXPORT void finishFetch(const QString &key);
+    /// True when memory holds an unexpired entry for key or its entry file exists. Counts and changes nothing, so
+    /// a reader can look again after claiming a key without adding a miss to the statistics.
+    NORVANECLOUD_NO_EXPORT bool holds(const QString &key) const;
+    NORVANECLOUD_NO_EXPORT void recordCacheTransfer(qint64 bytes);
+    NORVANECLOUD_NO_EXPORT void recordNetworkTransfer(qint64 bytes);
+
+private:
     class Private;
     std::unique_ptr<Private> d;
 };

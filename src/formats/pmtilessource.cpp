@@ -4,6 +4,8 @@
 #include "formats/gdalaccess.h"
 #include "formats/pmtilesheader.h"
 #include "formats/probecommon.h"
+#include "transport/cachedfetch.h"
+#include "transport/cachekey.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -86,37 +88,27 @@ CloudRangeResponse PmTilesSource::readRange(
     if (offset < 0 || length < 1 || offset > fileSize || length > fileSize - offset)
         throw std::invalid_argument(FormatsMessages::pmTilesLocalOutOfBounds);
 
-    // The request only names the bytes for the cache key; local reads never reach the reader's network code.
-    CloudRangeRequest request;
-    request.url = QUrl::fromLocalFile(info.absoluteFilePath());
-    request.offset = offset;
-    request.length = length;
-    request.headers = headers;
-    const QString key = HttpRangeReader::cacheKey(request);
-
+    // Local reads consult and fill the reader's cache whatever the caller asks, and claim and count nothing: only the
+    // cache's own lookup and store counters move.
+    const QString path = info.absoluteFilePath();
+    const QString key = rangeCacheKey(QUrl::fromLocalFile(path).toEncoded(QUrl::FullyEncoded), offset, length, headers);
     const std::shared_ptr<CloudRangeCache> cache = reader->cache();
-    CloudRangeResponse response;
-    if (cache && cache->get(key, response))
-        return response;
-
-    QFile file(info.absoluteFilePath());
-    if (!file.open(QIODevice::ReadOnly) || !file.seek(offset))
-        throw std::runtime_error(FormatsMessages::pmTilesLocalOpenFailed);
-    const QByteArray data = file.read(length);
-    if (data.size() < length)
-        throw std::runtime_error(FormatsMessages::pmTilesLocalTruncated);
-
-    response = CloudRangeResponse();
-    response.data = data;
-    response.offset = offset;
-    response.totalSize = fileSize;
-    response.statusCode = 200;
-    response.acceptsRanges = true;
-    response.contentType = QByteArray(pmTilesContentType);
-    response.fromCache = false;
-    if (cache)
-        cache->put(key, response);
-    return response;
+    return readThroughCache(
+        cache.get(), key, CachedFetchRules { true, false, false }, [&path, offset, length, fileSize] {
+            QFile file(path);
+            if (!file.open(QIODevice::ReadOnly) || !file.seek(offset))
+                throw std::runtime_error(FormatsMessages::pmTilesLocalOpenFailed);
+            CloudRangeResponse response;
+            response.data = file.read(length);
+            if (response.data.size() < length)
+                throw std::runtime_error(FormatsMessages::pmTilesLocalTruncated);
+            response.offset = offset;
+            response.totalSize = fileSize;
+            response.statusCode = 200;
+            response.acceptsRanges = true;
+            response.contentType = QByteArray(pmTilesContentType);
+            return response;
+        });
 }
 
 CloudCacheStatistics PmTilesSource::cacheStatistics() const

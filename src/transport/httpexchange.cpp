@@ -3,7 +3,6 @@
 #include "transport/transportmessages.h"
 
 #include <QCoreApplication>
-#include <QEventLoop>
 #include <QNetworkAccessManager>
 #include <QNetworkRequest>
 #include <QTimer>
@@ -12,20 +11,55 @@
 
 namespace Norvane::Cloud::HttpExchange {
 
+namespace {
+
+QNetworkReply *send(QNetworkAccessManager &manager, const Request &request)
+{
+    QNetworkRequest networkRequest(request.url);
+    networkRequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
+    for (const auto &[name, value] : request.headers)
+        networkRequest.setRawHeader(name, value);
+    switch (request.method) {
+    case Method::Head:
+        return manager.head(networkRequest);
+    case Method::Post:
+        return manager.post(networkRequest, request.body);
+    case Method::Get:
+        break;
+    }
+    return manager.get(networkRequest);
+}
+
+Answer answerOf(const QNetworkReply &reply)
+{
+    Answer answer;
+    answer.error = reply.error();
+    answer.errorText = reply.errorString();
+    answer.statusCode = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    answer.url = reply.url();
+    answer.acceptRanges = reply.rawHeader(QByteArrayLiteral("Accept-Ranges"));
+    answer.contentLength = reply.rawHeader(QByteArrayLiteral("Content-Length"));
+    answer.contentRange = reply.rawHeader(QByteArrayLiteral("Content-Range"));
+    answer.contentType = reply.rawHeader(QByteArrayLiteral("Content-Type"));
+    answer.etag = reply.rawHeader(QByteArrayLiteral("ETag"));
+    answer.lastModified = reply.rawHeader(QByteArrayLiteral("Last-Modified"));
+    return answer;
+}
+
+} // namespace
+
 void requireApplicationObject()
 {
     if (!QCoreApplication::instance())
         throw std::runtime_error(TransportMessages::noApplicationObject);
 }
 
-std::unique_ptr<QNetworkReply> exchange(int timeoutMilliseconds,
-    QNetworkAccessManager &manager,
-    const QNetworkRequest &request,
-    Method method,
-    const std::function<bool()> &cancellationRequested)
+Answer exchange(const Request &request)
 {
     requireApplicationObject();
-    QNetworkReply *reply = method == Method::Head ? manager.head(request) : manager.get(request);
+    // The reply is a child of the manager, which deletes it when this function returns.
+    QNetworkAccessManager manager;
+    QNetworkReply *reply = send(manager, request);
 
     QEventLoop loop;
     QTimer timeoutTimer;
@@ -33,6 +67,7 @@ std::unique_ptr<QNetworkReply> exchange(int timeoutMilliseconds,
     QTimer pollTimer;
     pollTimer.setInterval(25);
 
+    const std::function<bool()> &cancellationRequested = request.cancellationRequested;
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
     QObject::connect(&timeoutTimer, &QTimer::timeout, &loop, &QEventLoop::quit);
     if (cancellationRequested) {
@@ -41,29 +76,40 @@ std::unique_ptr<QNetworkReply> exchange(int timeoutMilliseconds,
                 loop.quit();
         });
     }
-    timeoutTimer.start(timeoutMilliseconds);
+    timeoutTimer.start(request.timeoutMilliseconds);
     if (cancellationRequested)
         pollTimer.start();
     // A reply that failed while being created has already emitted finished; the loop would wait for nothing.
     if (!reply->isFinished())
-        loop.exec();
+        loop.exec(request.loopFlags);
 
     const bool cancelled = cancellationRequested && cancellationRequested();
     if (timeoutTimer.isActive() && !cancelled) {
         timeoutTimer.stop();
         pollTimer.stop();
-        return std::unique_ptr<QNetworkReply>(reply);
+        Answer answer = answerOf(*reply);
+        answer.body = reply->readAll();
+        return answer;
     }
     reply->abort();
-    reply->deleteLater();
-    throw std::runtime_error(cancelled ? TransportMessages::requestCancelled : TransportMessages::requestTimedOut);
+    Answer aborted;
+    aborted.ending = cancelled ? Ending::Cancelled : Ending::TimedOut;
+    return aborted;
 }
 
-void failWithNetworkError(const QNetworkReply &reply)
+Answer exchangeOrThrow(const Request &request)
 {
-    const int status = reply.attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    const QString message = QString::fromLatin1(TransportMessages::requestFailed).arg(status).arg(reply.errorString());
-    throw std::runtime_error(message.toUtf8().toStdString());
+    Answer answer = exchange(request);
+    if (answer.ending == Ending::Cancelled)
+        throw std::runtime_error(TransportMessages::requestCancelled);
+    if (answer.ending == Ending::TimedOut)
+        throw std::runtime_error(TransportMessages::requestTimedOut);
+    if (answer.error != QNetworkReply::NoError) {
+        const QString message
+            = QString::fromLatin1(TransportMessages::requestFailed).arg(answer.statusCode).arg(answer.errorText);
+        throw std::runtime_error(message.toUtf8().toStdString());
+    }
+    return answer;
 }
 
 } // namespace Norvane::Cloud::HttpExchange

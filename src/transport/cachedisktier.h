@@ -1,0 +1,65 @@
+#pragma once
+
+// The disk tier of the range cache: one entry file per key in one folder, private to the user, bounded by the
+// bytes of its files, the least recently served dropped first. Entry files outlive the process; the tier never
+// throws, and a folder or file it cannot use degrades to "not stored" or "not found". Not thread-safe: the cache
+// that owns it holds its mutex around every call.
+
+#include <norvanecloud/rangetransport.h>
+
+#include "transport/cachediskentry.h"
+
+#include <QString>
+
+#include <optional>
+#include <vector>
+
+namespace Norvane::Cloud {
+
+class CacheDiskTier final {
+public:
+    /// The folder a cache uses for directory: directory itself, or "Norvane/Cloud" below the user's cache location
+    /// (the temporary folder when there is none) when it is empty.
+    static QString resolveFolder(const QString &directory);
+
+    /// Takes the folder (already resolved) and the limits and switches of options. When the tier is enabled, creates
+    /// the folder, measures the entry files already there and trims them to the limit.
+    explicit CacheDiskTier(const CloudCacheOptions &options);
+
+    /// The stored entry of key. An entry that is corrupt, empty or expired is deleted and misses; a served entry's
+    /// file becomes the most recent. A disabled tier always misses.
+    std::optional<CacheDiskEntry> read(const QString &key, qint64 nowMilliseconds);
+    /// Whether the key's entry file exists, without reading it. A disabled tier holds nothing.
+    bool holds(const QString &key) const;
+    /// Writes the key's entry file atomically, then trims the folder to the limit. False when nothing was stored:
+    /// the tier is disabled, its limit is below 1, or the file could not be written.
+    bool write(const QString &key, const CloudRangeResponse &response, qint64 storedAtMilliseconds);
+    /// Deletes the key's entry file, whether or not the tier is enabled.
+    void remove(const QString &key);
+    /// Deletes every entry file when the tier is enabled; the account is 0 afterwards in any case.
+    void clear();
+
+    /// The sum of the entry file sizes as the tier last saw them.
+    qint64 bytes() const { return accountedBytes; }
+    /// Entry files deleted by keeping the folder within its limit, since construction.
+    qint64 evictions() const { return evicted; }
+
+private:
+    struct EntryFile;
+    static std::vector<EntryFile> listEntryFiles(const QString &folder);
+
+    bool stores() const { return enabled && maximumBytes >= 1; }
+    QString pathOf(const QString &key) const { return folderPrefix + cacheDiskFileName(key); }
+    void trim();
+    void trim(std::vector<EntryFile> files);
+
+    QString folder;
+    QString folderPrefix;
+    bool enabled;
+    qint64 maximumBytes;
+    qint64 maximumAgeSeconds;
+    qint64 accountedBytes = 0;
+    qint64 evicted = 0;
+};
+
+} // namespace Norvane::Cloud
