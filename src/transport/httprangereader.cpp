@@ -109,7 +109,7 @@ void admit(const CloudRangeRequest &request, const QString &urlText)
     request.context.enforceResourceUsage(usage, texts.component, urlText);
     if (isCancelled(request))
         throw std::runtime_error(TransportMessages::requestCancelled);
-    reportProgress(request, TransportMessages::progressUnderWay, 0, 0, texts.reading, { { texts.urlName, urlText } });
+    reportProgress(request, OperationProgress::UnderWay, 0, 0, texts.reading, { { texts.urlName, urlText } });
 }
 
 // One GET of the range, and the check of what it brought. The Content-Range the answer came with is kept between
@@ -252,7 +252,7 @@ CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
 
     const FixedTexts &texts = fixedTexts();
     const bool hit = response.fromCache;
-    reportProgress(request, TransportMessages::progressDone, 100, response.data.size(),
+    reportProgress(request, OperationProgress::Done, 100, response.data.size(),
         hit ? texts.fromCache : texts.downloaded, hit ? texts.cacheHit : texts.cacheMiss);
     return response;
 }

@@ -26,10 +26,7 @@ inline constexpr char rangeIgnored[] = "HTTP server ignored the byte-range reque
 inline constexpr char lengthMismatch[] = "HTTP range returned %1 bytes; expected %2";
 inline constexpr char noApplicationObject[] = "HTTP exchange requires a Qt application object";
 
-// What the range transport and the viewport read tell the host's operation context: the progress states (under
-// way, done), the component name and the progress messages.
-inline constexpr qint32 progressUnderWay = 2;
-inline constexpr qint32 progressDone = 4;
+// What the range reader tells the host's operation context: its component name and its progress messages.
 inline constexpr char readerComponent[] = "Norvane.Cloud.HttpRangeReader";
 inline constexpr char progressReading[] = "Reading cloud byte range";
 inline constexpr char progressFromCache[] = "Cloud byte range served from cache";
