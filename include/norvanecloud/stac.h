@@ -61,7 +61,8 @@ struct NORVANECLOUD_EXPORT StacSearchResult {
     /// Upper-cased method for the next page.
     QByteArray nextMethod = QByteArrayLiteral("GET");
     QJsonObject nextBody;
-    /// -1 when the page does not say.
+    /// The page's counts: from its "context" object when it has one, otherwise from the top-level "numberMatched"
+    /// and "numberReturned". matched is -1 when the page does not say; returned is then the number of items.
     qint64 matched = -1;
     qint64 returned = -1;
     QJsonObject raw;

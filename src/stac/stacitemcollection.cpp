@@ -84,9 +84,13 @@ StacSearchResult parse(const QByteArray &body, const QUrl &pageUrl)
     for (const QJsonValue &feature : features)
         result.items.append(parseItem(feature.toObject(), pageUrl));
 
-    const QJsonObject context = result.raw.value(QLatin1String("context")).toObject();
-    result.matched = countOrDefault(context, QLatin1String("matched"), -1);
-    result.returned = countOrDefault(context, QLatin1String("returned"), result.items.size());
+    // Pages of the context extension carry their counts in "context"; current APIs put them at the top level.
+    const QJsonValue context = result.raw.value(QLatin1String("context"));
+    const bool contextCounts = context.isObject();
+    const QJsonObject counts = contextCounts ? context.toObject() : result.raw;
+    result.matched = countOrDefault(counts, QLatin1String(contextCounts ? "matched" : "numberMatched"), -1);
+    result.returned
+        = countOrDefault(counts, QLatin1String(contextCounts ? "returned" : "numberReturned"), result.items.size());
 
     const QJsonArray links = result.raw.value(QLatin1String("links")).toArray();
     for (const QJsonValue &element : links) {

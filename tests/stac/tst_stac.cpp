@@ -118,6 +118,10 @@ void TestStac::stac_data()
         describe(R"({"features":[{"id":42,"collection":"C","bbox":["x",1],"assets":{"a":{"href":"b.tif","roles":)"
                  R"(["data",5]},"z":"https://x/z.tif"}},5],"context":{"matched":1234,"returned":10}})"))
         << "2 items 1234/10 GET  {}; '' 'C' QList(0, 1) 2 https://h/v1/b.tif QList(data, )";
+    ROW("top-level counts without a context", describe(R"({"numberMatched":77,"numberReturned":3})"))
+        << "0 items 77/3 GET  {}; '' '' QList() 0  QList()";
+    ROW("a context keeps its own rule", describe(R"({"numberMatched":77,"context":{}})"))
+        << "0 items -1/0 GET  {}; '' '' QList() 0  QList()";
     ROW("first next link wins, Next is not next, method upper-cased",
         describe(R"({"links":["next",{"rel":"Next","href":"/n"},{"rel":"next","href":"/p2","method":"post",)"
                  R"("body":{"token":"one"}},{"rel":"next","href":"/p3"}]})"))
