@@ -75,27 +75,24 @@ private slots:
             "diagnostic      PMTiles v3 vector archive is local range-readable; directory offsets are valid.\n");
         row("parquet", "probe %u/parquet/geoparquet-v1.1.0-example-countries.parquet", 0,
             "header marker   yes\nfooter marker   yes\ncloud readable  yes\n");
+        const char *info = "info %u/tiff/cog-ghost-header-deflate-2ifd.tif --validate";
         const char *strips = "info %d/tiff/bigtiff-le-strip-ifd-at-end.tif --validate";
-        const char *info = "info %u/tiff/cog-ghost-header-deflate-2ifd.tif";
         row("info", info, 0,
             "size        19711\nbyte order  II (little-endian)\nformat      classic TIFF\nimages      2\n\nimage 0\n");
-        row("info overview", info, 0,
-            "\nimage 1\nkind                  overview\nIFD offset            812\nsize                  50 x "
-            "50\ntiles       "
-            "          128 x 128, 1 of them\nbands                 3\nbits/sample           8,8,8 (unsigned,unsigned,"
-            "unsigned)\ncompression           deflate\n");
-        row("info local", strips, 3, "format      BigTIFF\n");
-        row("info strips", strips, 3, "strips                64 x 64, 1 of them\n");
-        row("info broken rules", strips, 3,
-            "\n\nlayout not valid:\n  - Main image is not tiled\n  - Image file directory lies after image data\n");
-        row("info valid", "info %u/tiff/cog-ghost-header-deflate-2ifd.tif --validate", 0,
+        row("info valid", info, 0,
+            "image 1\nkind                  overview\nIFD offset            812\nsize                  50 x 50\ntiles"
+            "                 128 x 128, 1 of them\nbands                 3\nbits/sample           8,8,8 (unsigned,"
+            "unsigned,unsigned)\ncompression           deflate\npredictor             1\nphotometric           2\n"
             "planar configuration  1\n\nlayout valid: every cloud-optimised layout rule holds\n");
+        row("info local strips", strips, 3, "format      BigTIFF\nimages      1\n");
+        row("info broken rules", strips, 3,
+            "strips                64 x 64, 1 of them\nbands                 3\nbits/sample           8,8,8 (unsigned,"
+            "unsigned,unsigned)\ncompression           none\npredictor             1\nphotometric           2\n"
+            "planar configuration  1\n\nlayout not valid:\n  - Main image is not tiled\n  - Image file directory lies "
+            "after image data\n");
         row("info json", "info %d/tiff/geotiff-strip-51px-ifd-at-8.tif --json --validate", 3,
-            "\"images\":[{\"bitsPerSample\":[8,8,8],\"compression\":1,\"compressionName\":\"none\",\"height\":51,"
-            "\"ifdOffset\":8,\"mask\":false,\"photometric\":2,\"planarConfiguration\":1,\"predictor\":1,\"reduced"
-            "Resolution\":false,\"sampleFormat\":[1,1,1],\"samplesPerPixel\":3,\"tileByteCounts\":[7803],\"tileHeight"
-            "\":51,\"tileOffsets\":[465],\"tileWidth\":51,\"tiled\":false,\"width\":51}],\"layoutValid\":false,"
-            "\"layoutViolations\":[\"Main image is not tiled\"]");
+            "\"tileByteCounts\":[7803],\"tileHeight\":51,\"tileOffsets\":[465],\"tileWidth\":51,\"tiled\":false,\"width"
+            "\":51}],\"layoutValid\":false,\"layoutViolations\":[\"Main image is not tiled\"]");
         row("info not a TIFF", "info %u/parquet/plain-alltypes-not-geo.parquet", 1, "TIFF header is invalid\n");
         row("gdal-path", "gdal-path https://example.com/scene.tif", 0, "/vsicurl/https://example.com/scene.tif\n");
         row("gdal-options", "gdal-options --cache-size 1048576", 0,
