@@ -35,7 +35,7 @@ const QList<Command> &commands()
                            "  --json   print the flat interface's probe document\n"),
             probeCommand },
         { QStringLiteral("info"), { flag(QStringLiteral("validate")), flag(QStringLiteral("json")) },
-            QStringLiteral("info LOCATION [--validate]"), QStringLiteral("the structure of a TIFF or COG"),
+            QStringLiteral("info URL|PATH"), QStringLiteral("structure of a TIFF; --validate checks the COG layout"),
             QStringLiteral("Usage: norvane-cloud info URL|PATH [--validate] [--json]\n"
                            "Prints the header and every image (IFD) of a TIFF at an http(s) URL or a local path.\n"
                            "  --validate  also check the cloud-optimised layout rules and list each one broken\n"
