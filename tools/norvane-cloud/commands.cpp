@@ -6,6 +6,8 @@
 #include "toolmessages.h"
 
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
 
 #include <algorithm>
 
@@ -146,6 +148,51 @@ int probeCommand(const Invocation &invocation, Console &console)
         return format.flatProbe(client, utf16(location), nullptr, buffer, capacity);
     }) << '\n';
     return 0;
+}
+
+CogStructureResult structureOf(const QString &location, const GlobalOptions &global)
+{
+    const QUrl url = urlArgument(location);
+    if (url.scheme() != QLatin1String("http") && url.scheme() != QLatin1String("https"))
+        return CogSource::structureOfFile(url.isLocalFile() ? url.toLocalFile() : location);
+    CogSource source(makeCache(global));
+    source.rangeReader().setTimeoutMilliseconds(global.timeoutMilliseconds);
+    return source.structure(url, global.headers);
+}
+
+int printLayoutVerdict(QTextStream &out, const CogStructureResult &structure)
+{
+    const QStringList violations = CogSource::layoutViolations(structure);
+    out << '\n';
+    if (violations.isEmpty()) {
+        out << ToolMessages::layoutValid << '\n';
+        return 0;
+    }
+    out << ToolMessages::layoutNotValid << '\n';
+    for (const QString &violation : violations)
+        out << "  - " << violation << '\n';
+    return 3;
+}
+
+int infoCommand(const Invocation &invocation, Console &console)
+{
+    requireWords(invocation, 2);
+    const CogStructureResult structure = structureOf(invocation.words.at(1), invocation.global);
+    const bool validate = invocation.has(QStringLiteral("validate"));
+    if (invocation.has(QStringLiteral("json"))) {
+        QJsonObject document = structureJson(structure);
+        const QStringList violations = CogSource::layoutViolations(structure);
+        if (validate) {
+            document.insert(QStringLiteral("layoutValid"), violations.isEmpty());
+            document.insert(QStringLiteral("layoutViolations"), QJsonArray::fromStringList(violations));
+        }
+        console.out << QJsonDocument(document).toJson(QJsonDocument::Compact) << '\n';
+        return validate && !violations.isEmpty() ? 3 : 0;
+    }
+    printStructure(console.out, structure);
+    if (!validate)
+        return 0;
+    return printLayoutVerdict(console.out, structure);
 }
 
 int readCommand(const Invocation &invocation, Console &console)

@@ -14,6 +14,7 @@
 namespace NorvaneCloudTool {
 
 int probeCommand(const Invocation &invocation, Console &console);
+int infoCommand(const Invocation &invocation, Console &console);
 int readCommand(const Invocation &invocation, Console &console);
 int viewportCommand(const Invocation &invocation, Console &console);
 int stacSearchCommand(const Invocation &invocation, Console &console);
@@ -30,6 +31,10 @@ std::shared_ptr<Norvane::Cloud::CloudRangeCache> makeCache(const GlobalOptions &
 QUrl urlArgument(const QString &text);
 /// The ranges of a ranges file: one "OFFSET LENGTH" or "OFFSET:LENGTH" a line, "#" starting a comment. A file that
 /// cannot be read or a line that is no range is a UsageError of the command.
+/// The structure of a TIFF at an http(s) URL (with the global options) or at a local path.
+Norvane::Cloud::CogStructureResult structureOf(const QString &location, const GlobalOptions &global);
+/// Prints the verdict of the layout rules after a blank line and returns the exit status: 0 valid, 3 not valid.
+int printLayoutVerdict(QTextStream &out, const Norvane::Cloud::CogStructureResult &structure);
 QList<Norvane::Cloud::CogByteRange> rangesFromFile(const QString &path, const QString &command);
 
 } // namespace NorvaneCloudTool

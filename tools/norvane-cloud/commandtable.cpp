@@ -34,6 +34,14 @@ const QList<Command> &commands()
                            "the extension unless --format is given; PMTiles locations may be local files.\n"
                            "  --json   print the flat interface's probe document\n"),
             probeCommand },
+        { QStringLiteral("info"), { flag(QStringLiteral("validate")), flag(QStringLiteral("json")) },
+            QStringLiteral("info URL|PATH"), QStringLiteral("structure of a TIFF; --validate checks the COG layout"),
+            QStringLiteral("Usage: norvane-cloud info URL|PATH [--validate] [--json]\n"
+                           "Prints the header and every image (IFD) of a TIFF at an http(s) URL or a local path.\n"
+                           "  --validate  also check the cloud-optimised layout rules and list each one broken\n"
+                           "  --json      print the structure (and the verdict) as one JSON document\n"
+                           "Exit status: 0 success (layout valid), 1 failure, 2 usage error, 3 layout not valid.\n"),
+            infoCommand },
         { QStringLiteral("read"), { withValue({ QStringLiteral("o") }), withValue({ QStringLiteral("output") }) },
             QStringLiteral("read URL OFFSET LENGTH"), QStringLiteral("one byte range"),
             QStringLiteral("Usage: norvane-cloud read URL OFFSET LENGTH [-o FILE]\n"

@@ -119,6 +119,11 @@ int runDemo(const GlobalOptions &global, Console &console)
     begin(QStringLiteral("Probe a Cloud Optimized GeoTIFF: %1").arg(cogUrl.toString()));
     printProbe(out, cog.probe(cogUrl, global.headers));
 
+    begin(QStringLiteral("Inspect the COG's structure and validate its layout (norvane-cloud info --validate)"));
+    const CogStructureResult structure = cog.structure(cogUrl, global.headers);
+    printStructure(out, structure);
+    printLayoutVerdict(out, structure);
+
     begin(QStringLiteral("Probe a PMTiles archive: %1").arg(server.url(pmTilesPath).toString()));
     printProbe(out, pmTiles.probe(server.url(pmTilesPath).toString(), global.headers));
 

@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include <QJsonArray>
 #include <QStringList>
 
 #include <type_traits>
@@ -36,6 +37,49 @@ QString doubles(const QList<double> &values)
     for (double value : values)
         texts.append(QString::number(value, 'g', 10));
     return texts.join(QLatin1Char(','));
+}
+
+template <typename Number> QString numbers(const QList<Number> &values)
+{
+    QStringList texts;
+    for (const Number value : values)
+        texts.append(QString::number(value));
+    return texts.join(QLatin1Char(','));
+}
+
+template <typename Number> QJsonArray jsonNumbers(const QList<Number> &values)
+{
+    QJsonArray array;
+    for (const Number value : values)
+        array.append(double(value));
+    return array;
+}
+
+// The common codes by name, so that a reader need not know the TIFF tables; any other code as its number.
+QString compressionName(qint32 code)
+{
+    static const QHash<qint32, QString> names { { 1, QStringLiteral("none") }, { 5, QStringLiteral("LZW") },
+        { 7, QStringLiteral("JPEG") }, { 8, QStringLiteral("deflate") }, { 50000, QStringLiteral("ZSTD") },
+        { 34887, QStringLiteral("LERC") }, { 50001, QStringLiteral("WebP") } };
+    return names.value(code, QString::number(code));
+}
+
+QString sampleFormats(const QList<qint32> &formats)
+{
+    QStringList texts;
+    for (const qint32 format : formats)
+        texts.append(format == 1 ? QStringLiteral("unsigned")
+                : format == 2    ? QStringLiteral("signed")
+                : format == 3    ? QStringLiteral("float")
+                                 : QString::number(format));
+    return texts.join(QLatin1Char(','));
+}
+
+QString imageKind(const CogImageMetadata &image)
+{
+    if (image.mask)
+        return image.reducedResolution ? QStringLiteral("mask of an overview") : QStringLiteral("mask");
+    return image.reducedResolution ? QStringLiteral("overview") : QStringLiteral("full resolution");
 }
 
 } // namespace
@@ -107,6 +151,66 @@ void printProbe(QTextStream &out, const GeoParquetProbeResult &result)
         table.add(QStringLiteral("header marker"), yesNo(result.headerValid));
         table.add(QStringLiteral("footer marker"), yesNo(result.footerValid));
     });
+}
+
+void printStructure(QTextStream &out, const CogStructureResult &result)
+{
+    Table object;
+    object.add(QStringLiteral("url"), result.url.toString(QUrl::FullyEncoded));
+    object.add(QStringLiteral("size"), size(result.contentLength));
+    object.add(QStringLiteral("byte order"),
+        bytes(result.byteOrder)
+            + (result.byteOrder == "II" ? QStringLiteral(" (little-endian)") : QStringLiteral(" (big-endian)")));
+    object.add(QStringLiteral("format"), result.bigTiff ? QStringLiteral("BigTIFF") : QStringLiteral("classic TIFF"));
+    object.add(QStringLiteral("images"), number(result.images.size()));
+    object.print(out);
+    for (qsizetype index = 0; index < result.images.size(); ++index) {
+        const CogImageMetadata &image = result.images.at(index);
+        out << "\nimage " << index << '\n';
+        Table table;
+        table.add(QStringLiteral("kind"), imageKind(image));
+        table.add(QStringLiteral("IFD offset"), number(image.ifdOffset));
+        table.add(QStringLiteral("size"), QStringLiteral("%1 x %2").arg(image.width).arg(image.height));
+        table.add(image.tiled ? QStringLiteral("tiles") : QStringLiteral("strips"),
+            QStringLiteral("%1 x %2, %3 of them")
+                .arg(image.tileWidth)
+                .arg(image.tileHeight)
+                .arg(image.tileOffsets.size()));
+        table.add(QStringLiteral("bands"), number(image.samplesPerPixel));
+        table.add(QStringLiteral("bits/sample"),
+            QStringLiteral("%1 (%2)").arg(numbers(image.bitsPerSample), sampleFormats(image.sampleFormat)));
+        table.add(QStringLiteral("compression"), compressionName(image.compression));
+        table.add(QStringLiteral("predictor"), number(image.predictor));
+        table.add(
+            QStringLiteral("photometric"), image.photometric < 0 ? QStringLiteral("none") : number(image.photometric));
+        table.add(QStringLiteral("planar configuration"), number(image.planarConfiguration));
+        table.print(out);
+    }
+}
+
+QJsonObject structureJson(const CogStructureResult &result)
+{
+    QJsonArray images;
+    for (const CogImageMetadata &image : result.images) {
+        images.append(QJsonObject { { QStringLiteral("ifdOffset"), double(image.ifdOffset) },
+            { QStringLiteral("width"), double(image.width) }, { QStringLiteral("height"), double(image.height) },
+            { QStringLiteral("tiled"), image.tiled }, { QStringLiteral("tileWidth"), double(image.tileWidth) },
+            { QStringLiteral("tileHeight"), double(image.tileHeight) },
+            { QStringLiteral("samplesPerPixel"), image.samplesPerPixel },
+            { QStringLiteral("bitsPerSample"), jsonNumbers(image.bitsPerSample) },
+            { QStringLiteral("sampleFormat"), jsonNumbers(image.sampleFormat) },
+            { QStringLiteral("compression"), image.compression },
+            { QStringLiteral("compressionName"), compressionName(image.compression) },
+            { QStringLiteral("predictor"), image.predictor }, { QStringLiteral("photometric"), image.photometric },
+            { QStringLiteral("planarConfiguration"), image.planarConfiguration },
+            { QStringLiteral("reducedResolution"), image.reducedResolution }, { QStringLiteral("mask"), image.mask },
+            { QStringLiteral("tileOffsets"), jsonNumbers(image.tileOffsets) },
+            { QStringLiteral("tileByteCounts"), jsonNumbers(image.tileByteCounts) } });
+    }
+    return QJsonObject { { QStringLiteral("url"), result.url.toString(QUrl::FullyEncoded) },
+        { QStringLiteral("contentLength"), double(result.contentLength) },
+        { QStringLiteral("byteOrder"), bytes(result.byteOrder) }, { QStringLiteral("bigTiff"), result.bigTiff },
+        { QStringLiteral("images"), images } };
 }
 
 void printViewportSummary(QTextStream &out, const CogViewportResult &result)

@@ -5,6 +5,7 @@
 #include <norvanecloud/formats.h>
 #include <norvanecloud/stac.h>
 
+#include <QJsonObject>
 #include <QTextStream>
 
 namespace NorvaneCloudTool {
@@ -22,6 +23,10 @@ private:
 void printProbe(QTextStream &out, const Norvane::Cloud::CogProbeResult &result);
 void printProbe(QTextStream &out, const Norvane::Cloud::PmTilesProbeResult &result);
 void printProbe(QTextStream &out, const Norvane::Cloud::GeoParquetProbeResult &result);
+/// The header and one block per image of a TIFF object.
+void printStructure(QTextStream &out, const Norvane::Cloud::CogStructureResult &result);
+/// The same structure as one JSON document, every field including the tile arrays.
+QJsonObject structureJson(const Norvane::Cloud::CogStructureResult &result);
 void printViewportSummary(QTextStream &out, const Norvane::Cloud::CogViewportResult &result);
 void printStacItems(QTextStream &out, const QList<Norvane::Cloud::StacItem> &items);
 void printCogLayer(QTextStream &out, const Norvane::Cloud::StacCogLayer &layer);

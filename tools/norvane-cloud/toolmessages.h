@@ -29,6 +29,9 @@ inline constexpr QLatin1String itemRequired("--item N is required");
 inline constexpr QLatin1String outputNotWritten("cannot write %1: %2");
 // %1 the index asked for, %2 the number of items on the page.
 inline constexpr QLatin1String itemNotOnFirstPage("item %1 is not on the first page (%2 items)");
+inline constexpr QLatin1String layoutValid("layout valid: every cloud-optimised layout rule holds");
+// Followed by one rule a line.
+inline constexpr QLatin1String layoutNotValid("layout not valid:");
 inline constexpr QLatin1String sampleMissing("bundled sample %1 is missing");
 inline constexpr QLatin1String sampleServerNotStarted("the sample server could not start: %1");
 
