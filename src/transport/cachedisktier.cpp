@@ -53,13 +53,6 @@ constexpr QDir::Filters entryFileFilters = QDir::Files | QDir::Hidden | QDir::No
 
 } // namespace
 
-struct CacheDiskTier::EntryFile {
-    QString path;
-    QString name;
-    qint64 size = 0;
-    qint64 modifiedMilliseconds = 0;
-};
-
 std::vector<CacheDiskTier::EntryFile> CacheDiskTier::listEntryFiles(const QString &folder)
 {
     std::vector<EntryFile> files;
@@ -96,7 +89,8 @@ CacheDiskTier::CacheDiskTier(const CloudCacheOptions &options)
     std::vector<EntryFile> files = listEntryFiles(folder);
     for (const EntryFile &file : files)
         accountedBytes += file.size;
-    trim(std::move(files));
+    remember(std::move(files));
+    trim();
 }
 
 std::optional<CacheDiskEntry> CacheDiskTier::read(const QString &key, qint64 nowMilliseconds)
@@ -173,6 +167,35 @@ void CacheDiskTier::clear()
             QFile::remove(iterator.next());
     }
     accountedBytes = 0;
+    candidates.clear();
+    nextCandidate = 0;
+}
+
+void CacheDiskTier::remember(std::vector<EntryFile> files)
+{
+    // Modification time ascending, equal times by name descending: the order of QDir::Time | QDir::Reversed.
+    std::sort(files.begin(), files.end(), [](const EntryFile &left, const EntryFile &right) {
+        if (left.modifiedMilliseconds != right.modifiedMilliseconds)
+            return left.modifiedMilliseconds < right.modifiedMilliseconds;
+        return left.name > right.name;
+    });
+    candidates = std::move(files);
+    nextCandidate = 0;
+}
+
+bool CacheDiskTier::deleteIfUnchanged(const EntryFile &file)
+{
+    // A file served or rewritten since the listing is now newer than every remembered candidate, so it is not the
+    // oldest any more; the next listing puts it where it belongs. A file already gone was accounted when it went.
+    const QFileInfo info(file.path);
+    if (!info.isFile() || info.lastModified().toMSecsSinceEpoch() != file.modifiedMilliseconds)
+        return false;
+    const qint64 size = info.size();
+    if (!QFile::remove(file.path))
+        return false;
+    accountedBytes -= size;
+    ++evicted;
+    return true;
 }
 
 void CacheDiskTier::trim()
@@ -180,26 +203,18 @@ void CacheDiskTier::trim()
     // The trim stops before the first file when the account is within the limit: no listing is needed then.
     if (!stores() || accountedBytes <= maximumBytes)
         return;
-    trim(listEntryFiles(folder));
-}
-
-void CacheDiskTier::trim(std::vector<EntryFile> files)
-{
-    if (!stores() || accountedBytes <= maximumBytes)
-        return;
-    // Modification time ascending, equal times by name descending: the order of QDir::Time | QDir::Reversed.
-    std::sort(files.begin(), files.end(), [](const EntryFile &left, const EntryFile &right) {
-        if (left.modifiedMilliseconds != right.modifiedMilliseconds)
-            return left.modifiedMilliseconds < right.modifiedMilliseconds;
-        return left.name > right.name;
-    });
-    for (const EntryFile &file : files) {
-        if (accountedBytes <= maximumBytes)
-            return;
-        if (QFile::remove(file.path)) {
-            accountedBytes -= file.size;
-            ++evicted;
+    bool listed = false;
+    while (accountedBytes > maximumBytes) {
+        if (nextCandidate >= candidates.size()) {
+            // The remembered candidates ran out while the account is still over: list once more, at most once.
+            if (listed)
+                return;
+            remember(listEntryFiles(folder));
+            listed = true;
+            if (candidates.empty())
+                return;
         }
+        deleteIfUnchanged(candidates[nextCandidate++]);
     }
 }
 

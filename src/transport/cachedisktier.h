@@ -45,13 +45,19 @@ public:
     qint64 evictions() const { return evicted; }
 
 private:
-    struct EntryFile;
+    struct EntryFile {
+        QString path;
+        QString name;
+        qint64 size = 0;
+        qint64 modifiedMilliseconds = 0;
+    };
     static std::vector<EntryFile> listEntryFiles(const QString &folder);
 
     bool stores() const { return enabled && maximumBytes >= 1; }
     QString pathOf(const QString &key) const { return folderPrefix + cacheDiskFileName(key); }
     void trim();
-    void trim(std::vector<EntryFile> files);
+    void remember(std::vector<EntryFile> files);
+    bool deleteIfUnchanged(const EntryFile &file);
 
     QString folder;
     QString folderPrefix;
@@ -60,6 +66,10 @@ private:
     qint64 maximumAgeSeconds;
     qint64 accountedBytes = 0;
     qint64 evicted = 0;
+    // The last listing, oldest first, and the next candidate in it: a full tier trims from here instead of listing
+    // the folder on every store. Files written since the listing are newer than every remembered one.
+    std::vector<EntryFile> candidates;
+    size_t nextCandidate = 0;
 };
 
 } // namespace Norvane::Cloud

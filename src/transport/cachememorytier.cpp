@@ -2,6 +2,9 @@
 
 #include "transport/cacheexpiry.h"
 
+#include <algorithm>
+#include <vector>
+
 namespace Norvane::Cloud {
 
 CacheMemoryTier::CacheMemoryTier(const CloudCacheOptions &options)
@@ -15,14 +18,15 @@ bool CacheMemoryTier::read(const QString &key, qint64 nowMilliseconds, CloudRang
 {
     if (!enabled)
         return false;
-    const auto position = entries.find(key);
+    const Key hashed = keyOf(key);
+    const auto position = entries.find(hashed);
     if (position == entries.end())
         return false;
     if (isCacheEntryExpired(position->storedAtMilliseconds, nowMilliseconds, maximumAgeSeconds)) {
         drop(position);
         return false;
     }
-    recency.splice(recency.begin(), recency, position->recencyPosition);
+    touch(*position, hashed);
     response = position->response;
     response.fromCache = true;
     return true;
@@ -32,7 +36,7 @@ bool CacheMemoryTier::holds(const QString &key, qint64 nowMilliseconds) const
 {
     if (!enabled)
         return false;
-    const auto position = entries.constFind(key);
+    const auto position = entries.constFind(keyOf(key));
     return position != entries.constEnd()
         && !isCacheEntryExpired(position->storedAtMilliseconds, nowMilliseconds, maximumAgeSeconds);
 }
@@ -41,16 +45,16 @@ bool CacheMemoryTier::write(const QString &key, const CloudRangeResponse &respon
 {
     if (!enabled || maximumBytes < 1)
         return false;
-    auto position = entries.find(key);
+    const Key hashed = keyOf(key);
+    auto position = entries.find(hashed);
     if (position == entries.end()) {
-        recency.push_front(key);
-        position = entries.insert(key, Entry { response, storedAtMilliseconds, recency.begin() });
+        position = entries.insert(hashed, Entry { response, storedAtMilliseconds });
     } else {
         heldBytes -= position->response.data.size();
         position->response = response;
         position->storedAtMilliseconds = storedAtMilliseconds;
-        recency.splice(recency.begin(), recency, position->recencyPosition);
     }
+    touch(*position, hashed);
     heldBytes += response.data.size();
     trim();
     return true;
@@ -58,7 +62,7 @@ bool CacheMemoryTier::write(const QString &key, const CloudRangeResponse &respon
 
 void CacheMemoryTier::remove(const QString &key)
 {
-    const auto position = entries.find(key);
+    const auto position = entries.find(keyOf(key));
     if (position != entries.end())
         drop(position);
 }
@@ -66,25 +70,42 @@ void CacheMemoryTier::remove(const QString &key)
 void CacheMemoryTier::clear()
 {
     entries.clear();
-    recency.clear();
+    uses.clear();
     heldBytes = 0;
 }
 
-void CacheMemoryTier::drop(QHash<QString, Entry>::iterator position)
+void CacheMemoryTier::touch(Entry &entry, const Key &key)
+{
+    entry.lastUse = ++useCount;
+    uses.push_back({ entry.lastUse, key });
+    if (uses.size() > 2 * size_t(entries.size()) + 64)
+        compactUses();
+}
+
+void CacheMemoryTier::compactUses()
+{
+    std::vector<Use> live;
+    live.reserve(entries.size());
+    for (auto position = entries.cbegin(); position != entries.cend(); ++position)
+        live.push_back({ position->lastUse, position.key() });
+    std::sort(live.begin(), live.end(), [](const Use &left, const Use &right) { return left.use < right.use; });
+    uses.assign(std::make_move_iterator(live.begin()), std::make_move_iterator(live.end()));
+}
+
+void CacheMemoryTier::drop(QHash<Key, Entry>::iterator position)
 {
     heldBytes -= position->response.data.size();
-    recency.erase(position->recencyPosition);
     entries.erase(position);
 }
 
 void CacheMemoryTier::trim()
 {
-    while (heldBytes > maximumBytes && !recency.empty()) {
-        const auto position = entries.find(recency.back());
-        if (position == entries.end()) {
-            recency.pop_back();
+    while (heldBytes > maximumBytes && !uses.empty()) {
+        const Use oldest = std::move(uses.front());
+        uses.pop_front();
+        const auto position = entries.find(oldest.key);
+        if (position == entries.end() || position->lastUse != oldest.use)
             continue;
-        }
         drop(position);
         ++evicted;
     }

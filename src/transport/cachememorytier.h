@@ -8,7 +8,7 @@
 #include <QHash>
 #include <QString>
 
-#include <list>
+#include <deque>
 
 namespace Norvane::Cloud {
 
@@ -34,22 +34,44 @@ public:
     qint64 evictions() const { return evicted; }
 
 private:
+    // The key with its hash: a lookup probing past other keys compares their hashes, held in the table, instead of
+    // reading their text from memory of its own.
+    struct Key {
+        QString text;
+        size_t hash = 0;
+        friend bool operator==(const Key &left, const Key &right)
+        {
+            return left.hash == right.hash && left.text == right.text;
+        }
+        friend size_t qHash(const Key &key, size_t seed) { return key.hash ^ seed; }
+    };
+    static Key keyOf(const QString &text) { return { text, qHash(text, QHashSeed::globalSeed()) }; }
+
     struct Entry {
         CloudRangeResponse response;
         qint64 storedAtMilliseconds = 0;
-        // Where the key sits in the recency list, so a touch moves it without a search.
-        std::list<QString>::iterator recencyPosition;
+        // The entry's last use in the recency order, larger is more recent: a hit writes here instead of relinking
+        // list nodes spread over memory.
+        quint64 lastUse = 0;
+    };
+    struct Use {
+        quint64 use;
+        Key key;
     };
 
-    void drop(QHash<QString, Entry>::iterator position);
+    void touch(Entry &entry, const Key &key);
+    void drop(QHash<Key, Entry>::iterator position);
     void trim();
+    void compactUses();
 
     bool enabled;
     qint64 maximumBytes;
     qint64 maximumAgeSeconds;
-    QHash<QString, Entry> entries;
-    // Most recently used first; holds exactly the keys of entries.
-    std::list<QString> recency;
+    QHash<Key, Entry> entries;
+    // Every use of an entry, oldest first. A record whose use is no longer its entry's last is stale: the trim
+    // skips it, and the queue is rebuilt from the entries when stale records outnumber live ones.
+    std::deque<Use> uses;
+    quint64 useCount = 0;
     qint64 heldBytes = 0;
     qint64 evicted = 0;
 };

@@ -261,6 +261,9 @@ private slots:
         STEPS("remove drops both tiers", 100, 9999, "A40 B20 -A -Z A", "A-", 0, 0, 1, 2, 0, 20, 76);
         STEPS("trim on put, oldest first", 0, 298, "A40 ^ B40 ^ C40 D40 A B C D", "A- B+ C+ D+", 0, 3, 1, 4, 1, 0, 288);
         STEPS("a served entry is recent", 0, 298, "A40 ^ B40 ^ C40 A D40 B", "A+ B-", 0, 1, 1, 4, 1, 0, 288);
+        // D40 lists the folder; the stores after it trim from that listing, skipping B, served since.
+        STEPS("trim from the last listing", 0, 298, "A40 ^ B40 ^ C40 ^ D40 B E40 F40 A B C D E F",
+            "B+ A- B+ C- D- E+ F+", 0, 4, 3, 6, 3, 0, 288);
         STEPS("trim at construction", 0, 9999, "A40 ^ B40 ^ C40 ~200 A B C", "A- B+ C+", 0, 2, 1, 0, 1, 0, 192);
         STEPS("folder removed", 0, 9999, "A40 x A B40 B", "A- B+", 0, 1, 1, 2, 0, 0, 192);
     }
