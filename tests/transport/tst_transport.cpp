@@ -158,6 +158,7 @@ private slots:
         QTest::newRow("206 as asked") << Read { 10, 100, "", 206, 100, "bytes 10-109/1000", "", 1000 };
         QTest::newRow("206, unknown total") << Read { 0, 100, "", 206, 100, "bytes 0-99/*", "", -1 };
         QTest::newRow("206, other range") << Read { 0, 100, mismatch, 206, 100, "bytes 1-100/1000" };
+        QTest::newRow("206, other last byte") << Read { 0, 100, mismatch, 206, 100, "bytes 0-100/1000" };
         QTest::newRow("200 at offset 0, trimmed") << Read { 0, 100, "", 200, 1000, nullptr, "", 1000 };
         QTest::newRow("200 at offset 10") << Read { 10, 100, "HTTP server ignored the byte-range request", 200, 1000 };
         QTest::newRow("short body") << Read { 0, 100, "HTTP range returned 60 bytes; expected 100", 206, 60, first100 };
@@ -241,6 +242,9 @@ private slots:
         const FaultRequest sent = server.requests().constFirst();
         QCOMPARE(sent.header("Range") + ' ' + sent.header("Accept-Encoding") + ' ' + sent.header("User-Agent"),
             QByteArray("bytes=10-41 identity Host/2"));
+        request.headers.clear();
+        reader->read(request);
+        QCOMPARE(server.requests().constLast().header("User-Agent"), QByteArray("Norvane.Cloud/1"));
     }
 
     void cacheSteps_data()
@@ -254,6 +258,7 @@ private slots:
         QTest::addColumn<QList<qint64>>("expected");
         // 9999: more than the entries of any row.
         STEPS("a hit protects from eviction", 100, 0, "A40 B40 A C40 B A", "A+ B- A+", 2, 0, 1, 3, 1, 80, 0);
+        STEPS("exactly the limit is kept", 80, 0, "A40 B40 A B", "A+ B+", 2, 0, 0, 2, 0, 80, 0);
         STEPS("an entry above the limit empties the tier", 100, 0, "A40 B40 X150 A X", "A- X-", 0, 0, 2, 3, 3, 0, 0);
         STEPS("empty data is ignored", 100, 9999, "A0 A", "A-", 0, 0, 1, 0, 0, 0, 0);
         STEPS("a put replaces", 100, 9999, "A40 A30 A", "A+", 1, 0, 0, 2, 0, 30, 86);
