@@ -247,6 +247,34 @@ private slots:
         QCOMPARE(server.requests().constLast().header("User-Agent"), QByteArray("Norvane.Cloud/1"));
     }
 
+    // The memory tier holds 64-digit keys by their value and others by a digest: no two keys may share an entry.
+    void keysKeepTheirOwnEntries_data()
+    {
+        QTest::addColumn<QString>("first");
+        QTest::addColumn<QString>("second");
+        const QString zeros(60, u'0');
+        QTest::newRow("a letter past f") << QStringLiteral("g000") + zeros << QStringLiteral("0100") + zeros;
+        QTest::newRow("upper and lower case") << QStringLiteral("A000") + zeros << QStringLiteral("a000") + zeros;
+        QTest::newRow("the last digit") << QStringLiteral("0000") + zeros << zeros + QStringLiteral("0001");
+        QTest::newRow("63 digits and 64") << QStringLiteral("000") + zeros << QStringLiteral("0000") + zeros;
+    }
+    void keysKeepTheirOwnEntries()
+    {
+        QFETCH(QString, first);
+        QFETCH(QString, second);
+        auto cache = makeCache(dir(), 1000, 0);
+        // The same ETag and type with another date: entries share header values only where all three match.
+        CloudRangeResponse other = diskResponse("second");
+        other.lastModified = "L";
+        cache->put(first, diskResponse("first"));
+        cache->put(second, other);
+        CloudRangeResponse response;
+        QVERIFY(cache->get(first, response));
+        QCOMPARE(response.data + response.etag + response.lastModified + response.contentType, "first\"e\"");
+        QVERIFY(cache->get(second, response));
+        QCOMPARE(response.data + response.etag + response.lastModified + response.contentType, "second\"e\"L");
+    }
+
     void cacheSteps_data()
     {
         QTest::addColumn<QList<qint64>>("limits"); // memory, disk
