@@ -106,8 +106,7 @@ private slots:
             "tiles met         columns 1-3, rows 2-3: 6 with data\ntile ranges       68323:1729 70060:1683 71751:1391 "
             "80646:1657 82311:2004 84323:1679\noverview level    0\nrequested ranges  6\nmerged ranges     2\n");
         row("window of level 1", "viewport %u/cogs/cog-le-jpeg-1024-64tiles.tif --window 100,250,156,10 --level 1", 0,
-            "tile ranges       11007:2867 13882:3005 22382:2248 24638:3570\noverview level    "
-            "1\n");
+            "tile ranges       11007:2867 13882:3005 22382:2248 24638:3570\noverview level    1\n");
         row("window outside", "viewport %u/cogs/cog-le-jpeg-1024-64tiles.tif --window 900,0,200,10", 1,
             "window 900,0,200,10 lies outside level 0, which is 1024 x 1024 pixels\n");
         row("no such level", "viewport %u/cogs/cog-le-jpeg-1024-64tiles.tif --window 0,0,1,1 --level 2", 1,
@@ -147,7 +146,7 @@ private slots:
         row("demo next page", "demo", 0, "\nmt_m_4511355_sw_12_060_20231117_20240103  naip  ");
         row("demo to the end", "demo", 0, "TIFF is range-readable and its first IFD is near the start.\n\n== 10. GDAL");
         row("demo window", "demo", 0,
-            "tiles met         columns 1, rows 0-1: 2 with data\ntile ranges       10696:3470 "
+            "tiles met         column 1, rows 0-1: 2 with data\ntile ranges       10696:3470 "
             "17632:2075\n");
         row("demo finished", "demo", 0, "\n\nDemo finished; the sample server has stopped.\n");
     }

@@ -23,9 +23,11 @@ QString windowText(const PixelWindow &window)
     return QStringLiteral("%1,%2,%3,%4").arg(window.x).arg(window.y).arg(window.width).arg(window.height);
 }
 
-QString span(qint64 first, qint64 last)
+// "column 3" or "columns 1-3".
+QString span(const QString &what, qint64 first, qint64 last)
 {
-    return first == last ? QString::number(first) : QStringLiteral("%1-%2").arg(first).arg(last);
+    return first == last ? QStringLiteral("%1 %2").arg(what).arg(first)
+                         : QStringLiteral("%1s %2-%3").arg(what).arg(first).arg(last);
 }
 
 qint64 levelOf(const Invocation &invocation)
@@ -66,8 +68,9 @@ void addWindowRows(Table &table, const WindowRead &read)
             .arg(read.image.tileHeight));
     table.add(QStringLiteral("window"), windowText(read.window));
     table.add(QStringLiteral("tiles met"),
-        QStringLiteral("columns %1, rows %2: %3 with data")
-            .arg(span(read.firstColumn, read.lastColumn), span(read.firstRow, read.lastRow))
+        QStringLiteral("%1, %2: %3 with data")
+            .arg(span(QStringLiteral("column"), read.firstColumn, read.lastColumn),
+                span(QStringLiteral("row"), read.firstRow, read.lastRow))
             .arg(read.tiles.size()));
     table.add(QStringLiteral("tile ranges"), ranges.join(QLatin1Char(' ')));
 }
@@ -109,7 +112,9 @@ void selectTiles(WindowRead &read)
 {
     const CogImageMetadata &image = read.image;
     const PixelWindow &window = read.window;
-    if (window.x + window.width > image.width || window.y + window.height > image.height)
+    // Compared so that no sum can overflow, whatever numbers the window was given.
+    if (window.x >= image.width || window.width > image.width - window.x || window.y >= image.height
+        || window.height > image.height - window.y)
         throw std::runtime_error(ToolMessages::windowOutside.arg(windowText(window))
                                      .arg(read.level)
                                      .arg(image.width)
@@ -171,6 +176,8 @@ int viewportWindowCommand(const Invocation &invocation, Console &console)
     requireWords(invocation, 2);
     if (invocation.has(QStringLiteral("range")) || invocation.has(QStringLiteral("ranges-file")))
         throw UsageError(ToolMessages::windowWithRanges, invocation.command);
+    if (!invocation.has(QStringLiteral("window")))
+        throw UsageError(ToolMessages::mapWithoutWindow, invocation.command);
     WindowRead read;
     read.window = parseWindow(invocation.value(QStringLiteral("window")), invocation.command);
     read.level = levelOf(invocation);
