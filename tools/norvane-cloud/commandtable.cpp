@@ -92,9 +92,9 @@ const QList<Command> &commands()
                 "Usage: norvane-cloud gdal-options [URL] [--cache-size BYTES]\n"
                 "Prints GDAL options as --config pairs, ready for a shell command line: the recommended set\n"
                 "for COG access (default cache size 268435456 bytes); with a URL, the allowed extensions\n"
-                "cover its name (\"{noext}\" for a name without one) and GDAL_HTTP_TIMEOUT and\n"
-                "GDAL_HTTP_CONNECTTIMEOUT carry --timeout in seconds. --header values go to GDAL as\n"
-                "GDAL_HTTP_HEADERS.\n"
+                "cover its name (\"{noext}\" for a name without one). --header values go to GDAL as\n"
+                "GDAL_HTTP_HEADERS; with a URL, or a --timeout other than the default, GDAL_HTTP_TIMEOUT\n"
+                "and GDAL_HTTP_CONNECTTIMEOUT carry --timeout in whole seconds.\n"
                 "  eval gdalinfo $(norvane-cloud gdal-options URL) $(norvane-cloud gdal-path URL)\n"),
             gdalOptionsCommand },
         { QStringLiteral("cache stats"), { flag(QStringLiteral("json")) }, QStringLiteral("cache stats | cache clear"),
