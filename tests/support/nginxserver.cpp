@@ -33,7 +33,7 @@ http {
     access_log %2/access.log tabs;
     client_body_temp_path %2/body; proxy_temp_path %2/proxy; fastcgi_temp_path %2/fastcgi;
     uwsgi_temp_path %2/uwsgi; scgi_temp_path %2/scgi;
-    server { listen 127.0.0.1:%3; root %4; location / { } }
+    server { listen 127.0.0.1:%3; root %4; location / { %5 } }
 }
 )";
 
@@ -60,6 +60,7 @@ public:
     QProcess process;
     QString errorString;
     quint16 port = 0;
+    QString requiredHeader; // the nginx directive that refuses requests without it
 };
 
 NginxServer::NginxServer(const QString &root)
@@ -79,12 +80,20 @@ NginxServer::~NginxServer()
     }
 }
 
+void NginxServer::requireHeader(const QByteArray &name, const QByteArray &value)
+{
+    // nginx names a request header "$http_" plus its name in lower case with dashes as underscores.
+    const QString variable = QString::fromLatin1(name).toLower().replace(QLatin1Char('-'), QLatin1Char('_'));
+    d->requiredHeader
+        = QStringLiteral("if ($http_%1 != \"%2\") { return 403; }").arg(variable, QString::fromUtf8(value));
+}
+
 bool NginxServer::start()
 {
     const quint16 port = freePort();
     const QString config = QString::fromLatin1(configuration)
                                .arg(::geteuid() == 0 ? QStringLiteral("user root root;") : QString(), d->folder.path(),
-                                   QString::number(port), d->root);
+                                   QString::number(port), d->root, d->requiredHeader);
     QFile file(d->folder.filePath(QStringLiteral("nginx.conf")));
     if (!file.open(QIODevice::WriteOnly) || file.write(config.toUtf8()) < 0) {
         d->errorString = QStringLiteral("cannot write %1").arg(file.fileName());

@@ -30,6 +30,9 @@ public:
     NginxServer(const NginxServer &) = delete;
     NginxServer &operator=(const NginxServer &) = delete;
 
+    /// Answers every request with 403 unless it carries the header with exactly this value; call before start().
+    /// The name is letters, digits and dashes.
+    void requireHeader(const QByteArray &name, const QByteArray &value);
     /// Starts nginx and waits until its port answers; false with errorString() set when it does not come up.
     bool start();
     QString errorString() const;

@@ -2,7 +2,9 @@
 #include <nginxserver.h>
 #include <norvanecloud/flat.h>
 
+#include <QDir>
 #include <QProcess>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -98,6 +100,26 @@ private slots:
         row("gdal-options", "gdal-options --cache-size 1048576", 0,
             "--config CPL_VSIL_CURL_ALLOWED_EXTENSIONS .tif,.tiff --config CPL_VSIL_CURL_CACHE_SIZE 1048576 --config "
             "GDAL_DISABLE_READDIR_ON_OPEN EMPTY_DIR --config VSI_CACHE FALSE\n");
+        // The tiles gdal_translate -srcwin 200 300 300 100 (and, for level 1, -oo OVERVIEW_LEVEL=0 -srcwin 100 250
+        // 156 10) read from this file, as nginx logged GDAL 3.6.2's requests.
+        row("window tiles", "viewport %u/cogs/cog-le-jpeg-1024-64tiles.tif --window 200,300,300,100 --no-cache", 0,
+            "tiles met         columns 1-3, rows 2-3: 6 with data\ntile ranges       68323:1729 70060:1683 71751:1391 "
+            "80646:1657 82311:2004 84323:1679\noverview level    0\nrequested ranges  6\nmerged ranges     2\n");
+        row("window of level 1", "viewport %u/cogs/cog-le-jpeg-1024-64tiles.tif --window 100,250,156,10 --level 1", 0,
+            "tile ranges       11007:2867 13882:3005 22382:2248 24638:3570\noverview level    1\n");
+        row("window outside", "viewport %u/cogs/cog-le-jpeg-1024-64tiles.tif --window 900,0,200,10", 1,
+            "window 900,0,200,10 lies outside level 0, which is 1024 x 1024 pixels\n");
+        row("no such level", "viewport %u/cogs/cog-le-jpeg-1024-64tiles.tif --window 0,0,1,1 --level 2", 1,
+            "level 2 does not exist: the object has levels 0 to 1\n");
+        row("empty window", "viewport http://x/a.tif --window 0,0,0,5", 2,
+            "norvane-cloud: --window needs X,Y,W,H in pixels: X and Y at least 0, W and H at least 1; got \"0,0,0,5\"");
+        row("gdal-options pmtiles", "gdal-options https://example.com/t.pmtiles", 0, "EXTENSIONS .pmtiles --config");
+        row("gdal-options parquet", "gdal-options https://example.com/d.parquet?v=1", 0,
+            "EXTENSIONS .parquet --config");
+        row("gdal-options no extension", "gdal-options https://example.com/scene --timeout 1500 --header X-Key:k1,2", 0,
+            "--config CPL_VSIL_CURL_ALLOWED_EXTENSIONS '{noext}' --config CPL_VSIL_CURL_CACHE_SIZE 268435456 --config "
+            "GDAL_DISABLE_READDIR_ON_OPEN EMPTY_DIR --config GDAL_HTTP_CONNECTTIMEOUT 2 --config GDAL_HTTP_HEADERS "
+            "'\"X-Key: k1,2\"' --config GDAL_HTTP_TIMEOUT 2 --config VSI_CACHE FALSE\n");
         row("missing object", "read %u/missing.bin 0 10", 1, "HTTP request failed (404): ");
         row("negative offset", "read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff -5 10", 1,
             "Cloud range offset cannot be negative\n");
@@ -123,6 +145,9 @@ private slots:
             "1\n\nlayout valid: every cloud-optimised layout rule holds\n\n== 3. Probe a PMTiles");
         row("demo next page", "demo", 0, "\nmt_m_4511355_sw_12_060_20231117_20240103  naip  ");
         row("demo to the end", "demo", 0, "TIFF is range-readable and its first IFD is near the start.\n\n== 10. GDAL");
+        row("demo window", "demo", 0,
+            "tiles met         column 1, rows 0-1: 2 with data\ntile ranges       10696:3470 "
+            "17632:2075\n");
         row("demo finished", "demo", 0, "\n\nDemo finished; the sample server has stopped.\n");
     }
 
@@ -170,6 +195,51 @@ private slots:
         QFile written(expand(QStringLiteral("%c.bin")));
         QVERIFY(written.open(QIODevice::ReadOnly));
         QCOMPARE(written.readAll(), bytes.mid(1000, 4096));
+    }
+
+    // The map shows the tiles read, hatched once the cache serves them, as an SVG document that parses.
+    void windowMap()
+    {
+        const QString python = QStandardPaths::findExecutable(QStringLiteral("python3"));
+        if (python.isEmpty())
+            QSKIP("python3 is not installed; it parses the map");
+        for (const QByteArray expected : { "6 0\n", "6 6\n" }) {
+            const Run read
+                = run(QStringLiteral("viewport %u/cogs/cog-le-jpeg-1024-64tiles.tif --window 200,300,300,100 "
+                                     "--cache-dir %c --map %c-map.svg"));
+            QVERIFY2(read.out.endsWith(expand(QStringLiteral("map               %c-map.svg\n")).toUtf8()),
+                read.err.toUtf8());
+            QProcess parser;
+            parser.start(python,
+                { QStringLiteral("-c"),
+                    QStringLiteral("import sys, xml.etree.ElementTree as E\n"
+                                   "rects = [r.get('class') for r in "
+                                   "E.parse(sys.argv[1]).iter('{http://www.w3.org/2000/svg}rect')]\n"
+                                   "print(rects.count('tile'), rects.count('cached'))"),
+                    expand(QStringLiteral("%c-map.svg")) });
+            parser.waitForFinished(-1);
+            QCOMPARE(parser.readAllStandardOutput(), expected);
+        }
+    }
+
+    // GDAL opens a private object whose name has no extension with the options the tool prints, as a user pastes them.
+    void gdalOpensWithTheOptions()
+    {
+        if (QStandardPaths::findExecutable(QStringLiteral("gdalinfo")).isEmpty())
+            QSKIP("gdalinfo is not installed (Debian: gdal-bin); GDAL options not tried");
+        QVERIFY(QDir().mkpath(scratch.filePath(QStringLiteral("private"))));
+        QVERIFY(QFile::copy(expand(QStringLiteral("%d/cogs/cog-le-jpeg-1024-64tiles.tif")),
+            scratch.filePath(QStringLiteral("private/scene"))));
+        Norvane::Cloud::Testing::NginxServer privateServer { scratch.filePath(QStringLiteral("private")) };
+        privateServer.requireHeader("X-Key", "k1,2");
+        QVERIFY2(privateServer.start(), qPrintable(privateServer.errorString()));
+        QProcess shell;
+        shell.start(QStringLiteral("sh"),
+            { QStringLiteral("-c"),
+                QStringLiteral("eval gdalinfo $(\"$0\" gdal-options --header 'X-Key: k1,2' $1) /vsicurl/$1"),
+                QStringLiteral(NORVANE_CLOUD_TOOL), privateServer.url(QStringLiteral("/scene")).toString() });
+        shell.waitForFinished(-1);
+        QVERIFY2(shell.readAllStandardOutput().contains("Size is 1024, 1024\n"), shell.readAllStandardError());
     }
 
     // The disk cache outlives the process: a second run finds every merged range, until the cache is cleared.

@@ -4,6 +4,7 @@
 #include "flatdocument.h"
 #include "output.h"
 #include "toolmessages.h"
+#include "viewportwindow.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -230,6 +231,8 @@ int readCommand(const Invocation &invocation, Console &console)
 
 int viewportCommand(const Invocation &invocation, Console &console)
 {
+    if (invocation.has(QStringLiteral("window")) || invocation.has(QStringLiteral("map")))
+        return viewportWindowCommand(invocation, console);
     requireWords(invocation, 2);
     CogViewportRequest request;
     request.url = urlArgument(invocation.words.at(1));
@@ -259,16 +262,6 @@ int gdalPathCommand(const Invocation &invocation, Console &console)
     requireWords(invocation, 2);
     const QString location = invocation.words.at(1);
     console.out << formatOf(invocation, location, &formats[0]).gdalPath(location) << '\n';
-    return 0;
-}
-
-int gdalOptionsCommand(const Invocation &invocation, Console &console)
-{
-    requireWords(invocation, 1);
-    const qint64 cacheSize = wholeNumber(invocation.value(QStringLiteral("cache-size"), QStringLiteral("268435456")),
-        QStringLiteral("--cache-size"), invocation.command);
-    console.out << gdalConfigPairs(CogSource(noStoringCache()).recommendedGdalOptions(cacheSize)).join(QLatin1Char(' '))
-                << '\n';
     return 0;
 }
 

@@ -49,16 +49,23 @@ const QList<Command> &commands()
             readCommand },
         { QStringLiteral("viewport"),
             { withValue({ QStringLiteral("range") }), withValue({ QStringLiteral("ranges-file") }),
-                withValue({ QStringLiteral("gap") }), withValue({ QStringLiteral("level") }) },
-            QStringLiteral("viewport URL --range ..."), QStringLiteral("coalesced reads of many ranges"),
+                withValue({ QStringLiteral("gap") }), withValue({ QStringLiteral("level") }),
+                withValue({ QStringLiteral("window") }), withValue({ QStringLiteral("map") }) },
+            QStringLiteral("viewport URL --window ..."), QStringLiteral("coalesced reads of a window or of ranges"),
             QStringLiteral(
-                "Usage: norvane-cloud viewport URL --range OFFSET:LENGTH ... [--ranges-file FILE] [--gap N]\n"
+                "Usage: norvane-cloud viewport URL --window X,Y,W,H [--level N] [--map FILE.svg] [--gap N]\n"
+                "       norvane-cloud viewport URL --range OFFSET:LENGTH ... [--ranges-file FILE] [--gap N]\n"
                 "                             [--level L]\n"
-                "Reads many byte ranges (tiles) of a COG in few coalesced requests and reports what it did.\n"
+                "Reads the tiles of a COG that a pixel window meets, or many byte ranges, in few coalesced requests\n"
+                "and reports what it did.\n"
+                "  --window X,Y,W,H       pixels of the level, as gdal_translate -srcwin X Y W H reads them\n"
+                "  --level N              with --window: 0 full resolution (default), N the N-th overview, as\n"
+                "                         -oo OVERVIEW_LEVEL=N-1; with ranges: reported back (default -1)\n"
+                "  --map FILE.svg         with --window: draw the level's tile grid, the window, the tiles read,\n"
+                "                         one colour per merged request, and the tiles the cache served\n"
                 "  --range OFFSET:LENGTH  a range to read (repeatable)\n"
                 "  --ranges-file FILE     ranges, one \"OFFSET LENGTH\" or \"OFFSET:LENGTH\" a line (# comments)\n"
-                "  --gap N                largest hole in bytes still read in one request (default 4096)\n"
-                "  --level L              overview level, reported back (default -1)\n"),
+                "  --gap N                largest hole in bytes still read in one request (default 4096)\n"),
             viewportCommand },
         { QStringLiteral("stac search"), searchOptions({ QStringLiteral("max-pages") }),
             QStringLiteral("stac search CATALOG"), QStringLiteral("search a STAC API"),
@@ -80,10 +87,15 @@ const QList<Command> &commands()
                            "Prints the path under which GDAL opens the object (\"/vsicurl/...\" for HTTP(S)).\n"),
             gdalPathCommand },
         { QStringLiteral("gdal-options"), { withValue({ QStringLiteral("cache-size") }) },
-            QStringLiteral("gdal-options"), QStringLiteral("recommended GDAL options"),
-            QStringLiteral("Usage: norvane-cloud gdal-options [--cache-size BYTES]\n"
-                           "Prints the recommended GDAL options for COG access as --config pairs (default cache size\n"
-                           "268435456 bytes).\n"),
+            QStringLiteral("gdal-options [URL]"), QStringLiteral("GDAL options that open an object"),
+            QStringLiteral(
+                "Usage: norvane-cloud gdal-options [URL] [--cache-size BYTES]\n"
+                "Prints GDAL options as --config pairs, ready for a shell command line: the recommended set\n"
+                "for COG access (default cache size 268435456 bytes); with a URL, the allowed extensions\n"
+                "cover its name (\"{noext}\" for a name without one). --header values go to GDAL as\n"
+                "GDAL_HTTP_HEADERS; with a URL, or a --timeout other than the default, GDAL_HTTP_TIMEOUT\n"
+                "and GDAL_HTTP_CONNECTTIMEOUT carry --timeout in whole seconds.\n"
+                "  eval gdalinfo $(norvane-cloud gdal-options URL) $(norvane-cloud gdal-path URL)\n"),
             gdalOptionsCommand },
         { QStringLiteral("cache stats"), { flag(QStringLiteral("json")) }, QStringLiteral("cache stats | cache clear"),
             QStringLiteral("the cache"),

@@ -1,16 +1,20 @@
 #include "demo.h"
 
 #include "demoserver.h"
+#include "gdaloptions.h"
 #include "output.h"
 #include "toolmessages.h"
+#include "viewportwindow.h"
 
 #include <norvanecloud/formats.h>
 #include <norvanecloud/stac.h>
 
+#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 
 namespace NorvaneCloudTool {
@@ -174,6 +178,21 @@ int runDemo(const GlobalOptions &global, Console &console)
     for (const QString &pair : gdalConfigPairs(cog.recommendedGdalOptions(256LL * 1024 * 1024)))
         out << ' ' << pair;
     out << '\n';
+
+    // The map outlives the demo, so that it can be opened afterwards; each run replaces the last one's.
+    const QDir mapFolder(QStandardPaths::writableLocation(QStandardPaths::CacheLocation) + QStringLiteral("/demo"));
+    mapFolder.mkpath(QStringLiteral("."));
+    WindowRead window;
+    window.url = cogUrl;
+    window.window = PixelWindow { 70, 10, 20, 80 };
+    begin(QStringLiteral("Read the pixel window 70,10,20,80 of level 0 and draw its map (viewport --window --map)"));
+    CogViewportRequest windowRequest;
+    windowRequest.headers = global.headers;
+    readWindow(cog, window, windowRequest);
+    const QString mapPath = mapFolder.filePath(QStringLiteral("window-map.svg"));
+    writeWindowMap(mapPath, window);
+    printWindowRead(out, window, mapPath);
+    out << "Open the map in a browser: " << QUrl::fromLocalFile(mapPath).toString() << '\n';
 
     begin(QStringLiteral("Cache statistics"));
     printCacheStatistics(out, cache->options(), cache->statistics());

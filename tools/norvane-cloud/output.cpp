@@ -216,13 +216,18 @@ QJsonObject structureJson(const CogStructureResult &result)
 void printViewportSummary(QTextStream &out, const CogViewportResult &result)
 {
     Table table;
+    addViewportSummary(table, result);
+    table.print(out);
+}
+
+void addViewportSummary(Table &table, const CogViewportResult &result)
+{
     table.add(QStringLiteral("overview level"), number(result.overviewLevel));
     table.add(QStringLiteral("requested ranges"), number(result.requestedRanges));
     table.add(QStringLiteral("merged ranges"), number(result.coalescedRanges));
     table.add(QStringLiteral("requested bytes"), number(result.requestedBytes));
     table.add(QStringLiteral("bytes read"), number(result.bytesRead));
     table.add(QStringLiteral("cache hits"), number(result.cacheHits));
-    table.print(out);
 }
 
 void printStacItems(QTextStream &out, const QList<StacItem> &items)
@@ -278,17 +283,6 @@ void printCacheStatistics(QTextStream &out, const CloudCacheOptions &options, co
     table.add(QStringLiteral("memory bytes"), number(statistics.memoryBytes));
     table.add(QStringLiteral("disk bytes"), number(statistics.diskBytes));
     table.print(out);
-}
-
-QStringList gdalConfigPairs(const QHash<QByteArray, QByteArray> &options)
-{
-    QList<QByteArray> keys = options.keys();
-    std::sort(keys.begin(), keys.end());
-    QStringList pairs;
-    for (const QByteArray &key : keys)
-        pairs.append(
-            QStringLiteral("--config %1 %2").arg(QString::fromLatin1(key), QString::fromLatin1(options.value(key))));
-    return pairs;
 }
 
 ProgressBar::ProgressBar(QTextStream &stream, bool enabled)

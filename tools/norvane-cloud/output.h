@@ -28,13 +28,13 @@ void printStructure(QTextStream &out, const Norvane::Cloud::CogStructureResult &
 /// The same structure as one JSON document, every field including the tile arrays.
 QJsonObject structureJson(const Norvane::Cloud::CogStructureResult &result);
 void printViewportSummary(QTextStream &out, const Norvane::Cloud::CogViewportResult &result);
+/// The rows of the viewport summary, added to a table of the caller's.
+void addViewportSummary(Table &table, const Norvane::Cloud::CogViewportResult &result);
 void printStacItems(QTextStream &out, const QList<Norvane::Cloud::StacItem> &items);
 void printCogLayer(QTextStream &out, const Norvane::Cloud::StacCogLayer &layer);
 void printCacheStatistics(QTextStream &out,
     const Norvane::Cloud::CloudCacheOptions &options,
     const Norvane::Cloud::CloudCacheStatistics &statistics);
-/// GDAL options as "--config KEY VALUE" pairs, sorted by key.
-QStringList gdalConfigPairs(const QHash<QByteArray, QByteArray> &options);
 
 /// A one-line progress bar redrawn in place; draws nothing when the stream is not a terminal.
 class ProgressBar final {

@@ -35,4 +35,16 @@ inline constexpr QLatin1String layoutNotValid("layout not valid:");
 inline constexpr QLatin1String sampleMissing("bundled sample %1 is missing");
 inline constexpr QLatin1String sampleServerNotStarted("the sample server could not start: %1");
 
+// Viewports by window: the first four are usage errors, the rest facts found on the server.
+inline constexpr QLatin1String windowMalformed(
+    "--window needs X,Y,W,H in pixels: X and Y at least 0, W and H at least 1; got \"%1\"");
+inline constexpr QLatin1String levelNegative("--level must be 0 or more with --window, got \"%1\"");
+inline constexpr QLatin1String windowWithRanges("--window cannot be combined with --range or --ranges-file");
+inline constexpr QLatin1String mapWithoutWindow("--map draws a window read: give --window too");
+// %1 the level asked for, %2 the highest level.
+inline constexpr QLatin1String levelMissing("level %1 does not exist: the object has levels 0 to %2");
+// %1 the window as given, %2 the level, %3 its width, %4 its height.
+inline constexpr QLatin1String windowOutside("window %1 lies outside level %2, which is %3 x %4 pixels");
+inline constexpr QLatin1String windowTilesNeverWritten("every tile the window meets was never written");
+
 } // namespace NorvaneCloudTool::ToolMessages
