@@ -45,7 +45,10 @@ public:
         const QByteArray content
             = mapped ? QByteArray::fromRawData(reinterpret_cast<const char *>(mapped), file.size()) : QByteArray();
         const QString name = QLatin1Char('/') + QFileInfo(path).fileName();
-        server.serveObject(name, content, QByteArrayLiteral("application/octet-stream"));
+        // An ETag from size and modification time, as file servers make them: a digest would read the whole file.
+        const QByteArray etag = '"' + QByteArray::number(QFileInfo(file).lastModified().toSecsSinceEpoch(), 16) + '-'
+            + QByteArray::number(file.size(), 16) + '"';
+        server.serveObject(name, content, QByteArrayLiteral("application/octet-stream"), etag);
         if (!server.start())
             throw std::runtime_error(ToolMessages::localServerNotStarted.arg(server.errorString()).toStdString());
         servedUrl = server.url(name);
@@ -345,7 +348,8 @@ int readToFile(const HttpRangeReader &reader,
         const int percent = int(completed * 100 / request.length);
         bar.show(percent, completed, request.length, QStringLiteral("reading"));
         if (!console.progressOnTerminal && chunks > 1)
-            console.err << "read " << percent << "% (" << completed << " of " << request.length << " bytes)\n";
+            console.err << "read " << percent << "% (" << completed << " of " << request.length << " bytes)\n"
+                        << Qt::flush;
     }
     bar.finish();
     if (!file.commit()) {

@@ -6,7 +6,6 @@
 #include <QLoggingCategory>
 #include <QNetworkProxyFactory>
 
-#include <cstdio>
 #include <exception>
 #include <unistd.h>
 
@@ -17,14 +16,17 @@ using namespace NorvaneCloudTool;
 // The library describes each exchange on this category once a host turns it on.
 const char exchangeCategory[] = "norvane.cloud.exchange";
 
-// -v: the library's exchange lines go to standard error as they are, everything else as Qt would print it.
-void showExchanges()
+// -v: the library's exchange lines go to the tool's error stream as they are, in order with the tool's own progress
+// lines; everything else as Qt would print it. Exchanges run on the main thread, which owns the stream.
+void showExchanges(QTextStream &err)
 {
+    static QTextStream *exchangeStream = nullptr;
+    exchangeStream = &err;
     static const QtMessageHandler qtHandler
         = qInstallMessageHandler([](QtMsgType type, const QMessageLogContext &context, const QString &message) {
               if (qstrcmp(context.category, exchangeCategory) != 0)
                   return qtHandler(type, context, message);
-              std::fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
+              *exchangeStream << message << '\n' << Qt::flush;
           });
     QLoggingCategory::setFilterRules(QString::fromLatin1(exchangeCategory) + QStringLiteral(".info=true"));
 }
@@ -53,7 +55,7 @@ int run(const QStringList &arguments, Console &console)
     if (invocation.versionRequested)
         return printVersion(console);
     if (invocation.global.verbose)
-        showExchanges();
+        showExchanges(console.err);
     if (invocation.helpRequested) {
         console.out << usageText(command);
         return 0;
