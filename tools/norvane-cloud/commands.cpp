@@ -44,7 +44,8 @@ public:
         const uchar *mapped = file.size() > 0 ? file.map(0, file.size()) : nullptr;
         const QByteArray content
             = mapped ? QByteArray::fromRawData(reinterpret_cast<const char *>(mapped), file.size()) : QByteArray();
-        const QString name = QLatin1Char('/') + QFileInfo(path).fileName();
+        // A fixed name: the file's own may hold characters that the URL would have to escape.
+        const QString name = QStringLiteral("/local-object");
         // An ETag from size and modification time, as file servers make them: a digest would read the whole file.
         const QByteArray etag = '"' + QByteArray::number(QFileInfo(file).lastModified().toSecsSinceEpoch(), 16) + '-'
             + QByteArray::number(file.size(), 16) + '"';
@@ -64,7 +65,7 @@ private:
     QUrl servedUrl;
 };
 
-// A location that is neither an http(s) URL nor a PMTiles archive names a local file: a path or a file: URL.
+// A location that is not an http(s) URL names a local file: a path or a file: URL.
 bool isLocalFile(const QString &location)
 {
     const QUrl url = urlArgument(location);
