@@ -193,7 +193,7 @@ private slots:
         QCOMPARE(written.readAll(), bytes.mid(1000, 4096));
     }
 
-    // Chunks go through the cache one by one, with a percentage line each when standard error is no terminal.
+    // -o reads chunk by chunk through the cache, with a percentage line each when standard error is no terminal.
     void readToFileInChunks()
     {
         const QString read = QStringLiteral("read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff 1000 4096 --chunk-size 1000 "
@@ -203,10 +203,9 @@ private slots:
                                   "4096 bytes)\nread 97% (4000 of 4096 bytes)\nread 100% (4096 of 4096 bytes)\nwrote "
                                   "4096 bytes to %c-chunks.bin (from the network, HTTP 206, object size 394592)\n")));
         QVERIFY(run(read).err.endsWith(QStringLiteral("(from the cache, HTTP 206, object size 394592)\n")));
-        QFile original(expand(QStringLiteral("%d/tiff/bigtiff-cog-le-ifd-at-16.tiff")));
         QFile written(expand(QStringLiteral("%c-chunks.bin")));
-        QVERIFY(original.open(QIODevice::ReadOnly) && written.open(QIODevice::ReadOnly));
-        QCOMPARE(written.readAll(), original.readAll().mid(1000, 4096));
+        QVERIFY(written.open(QIODevice::ReadOnly));
+        QCOMPARE(written.readAll(), run(QStringLiteral("read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff 1000 4096")).out);
     }
 
     void verboseDescribesEachExchange()
