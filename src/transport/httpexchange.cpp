@@ -1,5 +1,6 @@
 #include "transport/httpexchange.h"
 
+#include "transport/exchangelog.h"
 #include "transport/transportmessages.h"
 
 #include <QCoreApplication>
@@ -54,7 +55,8 @@ void requireApplicationObject()
         throw std::runtime_error(TransportMessages::noApplicationObject);
 }
 
-Answer exchange(const Request &request)
+// One exchange, unlogged: exchange() runs it through the exchange log.
+static Answer exchangeOnce(const Request &request)
 {
     requireApplicationObject();
     // The reply is a child of the manager, which deletes it when this function returns.
@@ -95,6 +97,11 @@ Answer exchange(const Request &request)
     Answer aborted;
     aborted.ending = cancelled ? Ending::Cancelled : Ending::TimedOut;
     return aborted;
+}
+
+Answer exchange(const Request &request)
+{
+    return ExchangeLog::logged(request, exchangeOnce);
 }
 
 Answer exchangeOrThrow(const Request &request)

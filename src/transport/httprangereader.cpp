@@ -2,6 +2,7 @@
 
 #include "transport/cachedfetch.h"
 #include "transport/cachekey.h"
+#include "transport/exchangelog.h"
 #include "transport/httpexchange.h"
 #include "transport/rangeanswer.h"
 #include "transport/transportmessages.h"
@@ -252,6 +253,8 @@ CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
 
     const FixedTexts &texts = fixedTexts();
     const bool hit = response.fromCache;
+    if (hit)
+        ExchangeLog::cacheHit(request.url, request.offset, request.length, response.data.size());
     reportProgress(request, OperationProgress::Done, 100, response.data.size(),
         hit ? texts.fromCache : texts.downloaded, hit ? texts.cacheHit : texts.cacheMiss);
     return response;

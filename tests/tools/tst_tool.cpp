@@ -1,4 +1,5 @@
 // The norvane-cloud tool run as a user runs it, against nginx serving the test data.
+#include <faultserver.h>
 #include <nginxserver.h>
 #include <norvanecloud/flat.h>
 
@@ -33,12 +34,14 @@ class ToolTest : public QObject {
             .replace(QLatin1String("%c"), scratch.filePath(QStringLiteral("cache")));
     }
 
-    Run run(const QString &commandLine) const
+    // environment: "NAME=value" entries added to the tool's.
+    Run run(const QString &commandLine, const QStringList &environment = {}) const
     {
         QStringList arguments;
         for (const QString &word : commandLine.split(QLatin1Char(' '), Qt::SkipEmptyParts))
             arguments.append(expand(word));
         QProcess process;
+        process.setEnvironment(QProcess::systemEnvironment() + environment);
         process.start(QStringLiteral(NORVANE_CLOUD_TOOL), arguments);
         process.waitForFinished(-1);
         const int exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
@@ -56,6 +59,8 @@ private slots:
         QVERIFY(scratch.isValid());
         // The tool's default cache folder lands in the scratch folder, never in the user's.
         qputenv("XDG_CACHE_HOME", scratch.path().toUtf8());
+        for (const char *proxy : { "http_proxy", "https_proxy", "no_proxy", "HTTP_PROXY", "HTTPS_PROXY", "NO_PROXY" })
+            qunsetenv(proxy);
         QVERIFY2(server.start(), qPrintable(server.errorString()));
     }
 
@@ -121,8 +126,24 @@ private slots:
             "GDAL_DISABLE_READDIR_ON_OPEN EMPTY_DIR --config GDAL_HTTP_CONNECTTIMEOUT 2 --config GDAL_HTTP_HEADERS "
             "'\"X-Key: k1,2\"' --config GDAL_HTTP_TIMEOUT 2 --config VSI_CACHE FALSE\n");
         row("missing object", "read %u/missing.bin 0 10", 1, "HTTP request failed (404): ");
-        row("negative offset", "read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff -5 10", 1,
-            "Cloud range offset cannot be negative\n");
+        row("negative offset", "read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff -5 10", 2,
+            "norvane-cloud: OFFSET must be at least 0, got -5\n");
+        row("zero length", "read %u/a.tif 0 0", 2, "norvane-cloud: LENGTH must be at least 1, got 0\n");
+        row("read of a path", "read /tmp/a.tif 0 1", 2, "URL must be an http or https URL, got \"/tmp/a.tif\"\n");
+        row("no ranges", "viewport %u/a.tif --gap 0", 2, "norvane-cloud: no ranges to read: give --range or");
+        row("wide level", "viewport %u/a.tif --range 0:1 --level 4294967297", 2,
+            "--level must be from -1 to 2147483647, got 4294967297\n");
+        row("three bbox numbers", "stac search http://x/ --bbox 1,2,3", 2,
+            "norvane-cloud: --bbox takes 4 or 6 numbers");
+        row("zero limit", "stac search http://x/ --limit 0", 2, "--limit must be from 1 to 2147483647, got 0\n");
+        row("wide limit", "stac search http://x/ --limit 4294967297", 2, "2147483647, got 4294967297\n");
+        row("wide item", "stac layer http://x/ --item 4294967296 --json", 2,
+            "--item must be from 0 to 2147483647, got 4294967296\n");
+        row("version", "--version", 0, "norvane-cloud 1.0.0\n");
+        row("local cog", "probe %d/tiff/cog-ghost-header-deflate-2ifd.tif", 0,
+            "url                   file://%d/tiff/cog-ghost-header-deflate-2ifd.tif\ncontent length        19711\n");
+        row("local parquet", "probe %d/parquet/geoparquet-v1.1.0-example-countries.parquet", 0,
+            "footer marker   yes\ncloud readable  yes\n");
         row("no local archive", "probe /nonexistent/a.pmtiles", 1, "PMTiles local archive does not exist\n");
         row("no command", "", 2, "Usage: norvane-cloud COMMAND [options]\n");
         row("unknown command", "fly", 2, "norvane-cloud: unknown command \"fly\"\n\nUsage: norvane-cloud COMMAND");
@@ -135,7 +156,7 @@ private slots:
             "norvane-cloud: --item N is required\n\nUsage: norvane-cloud stac layer");
         row("zero time-out", "--timeout 0 demo", 2, "--timeout must be a positive number of milliseconds\n");
         for (const char *command : { "probe", "info", "read", "viewport", "stac search", "stac layer", "gdal-path",
-                 "gdal-options", "cache stats", "cache clear", "demo" }) {
+                 "gdal-options", "cache stats", "cache clear", "demo", "completion" }) {
             const QString help = QString::fromLatin1(command) + QStringLiteral(" --help");
             QTest::newRow(qPrintable(help)) << help << 0 << QStringLiteral("Usage: norvane-cloud ") + help.chopped(7);
         }
@@ -240,6 +261,105 @@ private slots:
                 QStringLiteral(NORVANE_CLOUD_TOOL), privateServer.url(QStringLiteral("/scene")).toString() });
         shell.waitForFinished(-1);
         QVERIFY2(shell.readAllStandardOutput().contains("Size is 1024, 1024\n"), shell.readAllStandardError());
+    }
+
+    // -o reads chunk by chunk through the cache, with a percentage line each when standard error is no terminal.
+    void readToFileInChunks()
+    {
+        const QString read = QStringLiteral("read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff 1000 4096 --chunk-size 1000 "
+                                            "-o %c-chunks.bin --cache-dir %c");
+        QCOMPARE(run(read).err,
+            expand(QStringLiteral("read 24% (1000 of 4096 bytes)\nread 48% (2000 of 4096 bytes)\nread 73% (3000 of "
+                                  "4096 bytes)\nread 97% (4000 of 4096 bytes)\nread 100% (4096 of 4096 bytes)\nwrote "
+                                  "4096 bytes to %c-chunks.bin (from the network, HTTP 206, object size 394592)\n")));
+        QVERIFY(run(read).err.endsWith(QStringLiteral("(from the cache, HTTP 206, object size 394592)\n")));
+        QFile written(expand(QStringLiteral("%c-chunks.bin")));
+        QVERIFY(written.open(QIODevice::ReadOnly));
+        QCOMPARE(written.readAll(), run(QStringLiteral("read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff 1000 4096")).out);
+    }
+
+    void verboseDescribesEachExchange()
+    {
+        const QString read = QStringLiteral("-v read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff 0 16 --cache-dir %c-v");
+        const QString network = run(read).err; // the milliseconds vary
+        QVERIFY2(network.startsWith(expand(QStringLiteral("GET %u/tiff/bigtiff-cog-le-ifd-at-16.tiff bytes=0-15: 206, "
+                                                          "16 bytes, ")))
+                && network.endsWith(QStringLiteral(" ms\n")) && network.count(QLatin1Char('\n')) == 1,
+            qPrintable(network));
+        QCOMPARE(run(read).err,
+            expand(QStringLiteral("GET %u/tiff/bigtiff-cog-le-ifd-at-16.tiff bytes=0-15: cache hit, 16 bytes\n")));
+        QCOMPARE(
+            run(QStringLiteral("read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff 0 16 --cache-dir %c-v")).err, QString());
+    }
+
+    // The proxy receives the request in absolute form; a host in no_proxy is reached directly.
+    void proxyVariables()
+    {
+        using namespace Norvane::Cloud::Testing;
+        FaultServer proxy([](const FaultRequest &request) { return objectReply(request, "proxied bytes"); });
+        const QString proxyVariable = QStringLiteral("http_proxy=") + proxy.url().toString();
+        QCOMPARE(run(QStringLiteral("read http://norvane.invalid/a.tif 0 7 --no-cache"), { proxyVariable }).out,
+            QByteArray("proxied"));
+        QCOMPARE(proxy.requests().value(0).target, QByteArray("http://norvane.invalid/a.tif"));
+        const Run direct = run(QStringLiteral("read %u/tiff/bigtiff-cog-le-ifd-at-16.tiff 0 2 --no-cache"),
+            { proxyVariable, QStringLiteral("no_proxy=127.0.0.1") });
+        QCOMPARE(direct.out, QByteArray("II"));
+        QCOMPARE(proxy.requestCount(), 1);
+    }
+
+    // Page 1 names a next page that fails. A catalogue URL ending in /search is the search endpoint.
+    void stacPages()
+    {
+        using namespace Norvane::Cloud::Testing;
+        auto base = std::make_shared<QByteArray>();
+        FaultServer catalogue([base](const FaultRequest &request) {
+            if (request.target != "/v1/search")
+                return httpReply(500, {}, "down");
+            return httpReply(200, {},
+                R"({"type":"FeatureCollection","numberMatched":3,"features":[{"type":"Feature","id":"a","properties":{},)"
+                R"("assets":{}}],"links":[{"rel":"next","href":")"
+                    + *base + R"(/v1/page2"}]})");
+        });
+        *base = catalogue.url().toString(QUrl::StripTrailingSlash).toUtf8();
+        const QString search = QStringLiteral("stac search %1/v1/search --no-cache --max-pages ").arg(QString(*base));
+        QCOMPARE(run(search + QStringLiteral("1 --json")).out,
+            QByteArray(R"({"features":[{"assets":{},"id":"a","properties":{},"type":"Feature"}],"numberMatched":3,)"
+                       R"("numberReturned":1,"type":"FeatureCollection"})"
+                       "\n"));
+        const Run failed = run(search + QStringLiteral("2"));
+        QCOMPARE(failed.exitCode, 1);
+        QCOMPARE(failed.out,
+            QByteArray("id  collection  datetime  assets\na                              0\n\n1 items on "
+                       "1 page; the catalogue reports 3 matching; more pages follow\n"));
+        QVERIFY2(failed.err.startsWith(QStringLiteral("page 1: 1 items\nSTAC request failed (500): ")),
+            qPrintable(failed.err));
+        QCOMPARE(catalogue.requests().value(0).target, QByteArray("/v1/search"));
+    }
+
+    // The completion script, sourced into bash, completes command words and each command's options.
+    void bashCompletion_data()
+    {
+        QTest::addColumn<QString>("words");
+        QTest::addColumn<QString>("expected");
+        QTest::newRow("second word") << QStringLiteral("stac se") << QStringLiteral("search\n");
+        QTest::newRow("option") << QStringLiteral("--timeout 5 read u 0 1 --ch") << QStringLiteral("--chunk-size\n");
+        QTest::newRow("global option") << QStringLiteral("cache stats --verb") << QStringLiteral("--verbose\n");
+    }
+
+    void bashCompletion()
+    {
+        QFETCH(QString, words);
+        QProcess bash;
+        bash.start(QStringLiteral("bash"),
+            { QStringLiteral("-c"),
+                QStringLiteral(
+                    "source <(\"$0\" completion); "
+                    "COMP_WORDS=(norvane-cloud %1); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _norvane_cloud; echo "
+                    "\"${COMPREPLY[*]}\"")
+                    .arg(words),
+                QStringLiteral(NORVANE_CLOUD_TOOL) });
+        QVERIFY(bash.waitForFinished(-1));
+        QTEST(QString::fromUtf8(bash.readAllStandardOutput()), "expected");
     }
 
     // The disk cache outlives the process: a second run finds every merged range, until the cache is cleared.

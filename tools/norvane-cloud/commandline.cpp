@@ -45,10 +45,13 @@ const QString timeoutName = QStringLiteral("timeout");
 const QString cacheDirectoryName = QStringLiteral("cache-dir");
 const QString noCacheName = QStringLiteral("no-cache");
 const QString helpName = QStringLiteral("help");
+const QString versionName = QStringLiteral("version");
+const QString verboseName = QStringLiteral("verbose");
 
 const QList<QCommandLineOption> globalOptions { withValue({ headerName }), withValue({ timeoutName }),
     withValue({ cacheDirectoryName }), QCommandLineOption(noCacheName),
-    QCommandLineOption(QStringList { QStringLiteral("h"), helpName }) };
+    QCommandLineOption(QStringList { QStringLiteral("h"), helpName }), QCommandLineOption(versionName),
+    QCommandLineOption(QStringList { QStringLiteral("v"), verboseName }) };
 
 // "-name", "--name" and "--name=value" all name the option "name".
 QString optionName(const QString &argument)
@@ -90,13 +93,14 @@ GlobalOptions globalOptionsOf(const QCommandLineParser &parser, const QString &c
         global.headers.insert(header.left(colon).trimmed().toUtf8(), header.mid(colon + 1).trimmed().toUtf8());
     }
     for (const QString &timeout : uncarried(parser.values(timeoutName))) {
-        const qint64 milliseconds = wholeNumber(timeout, QStringLiteral("--timeout"), command);
-        if (milliseconds < 1 || milliseconds > std::numeric_limits<int>::max())
+        if (wholeNumber(timeout, QStringLiteral("--timeout"), command) < 1)
             throw UsageError(ToolMessages::timeoutNotPositive, command);
-        global.timeoutMilliseconds = int(milliseconds);
+        global.timeoutMilliseconds
+            = int(numberIn(timeout, QStringLiteral("--timeout"), 1, std::numeric_limits<int>::max(), command));
     }
     global.cacheDirectory = uncarry(parser.value(cacheDirectoryName));
     global.noCache = parser.isSet(noCacheName);
+    global.verbose = parser.isSet(verboseName);
     return global;
 }
 
@@ -111,6 +115,11 @@ QStringList prepare(QCommandLineParser &parser, const QStringList &arguments, co
 }
 
 } // namespace
+
+const QList<QCommandLineOption> &globalCommandLineOptions()
+{
+    return globalOptions;
+}
 
 QCommandLineOption withValue(const QStringList &names)
 {
@@ -141,6 +150,7 @@ Invocation readCommandLine(
     }
     invocation.global = globalOptionsOf(parser, command);
     invocation.helpRequested = parser.isSet(helpName);
+    invocation.versionRequested = parser.isSet(versionName);
     return invocation;
 }
 
@@ -151,6 +161,16 @@ qint64 wholeNumber(const QString &text, const QString &what, const QString &comm
     if (!ok)
         throw UsageError(ToolMessages::notWholeNumber.arg(what, text), command);
     return number;
+}
+
+qint64 numberIn(const QString &text, const QString &what, qint64 minimum, qint64 maximum, const QString &command)
+{
+    const qint64 number = wholeNumber(text, what, command);
+    if (number >= minimum && number <= maximum)
+        return number;
+    if (maximum == std::numeric_limits<qint64>::max())
+        throw UsageError(ToolMessages::numberTooSmall.arg(what).arg(minimum).arg(text), command);
+    throw UsageError(ToolMessages::numberOutOfRange.arg(what).arg(minimum).arg(maximum).arg(text), command);
 }
 
 void requireWords(const Invocation &invocation, int count)

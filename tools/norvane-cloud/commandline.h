@@ -29,6 +29,8 @@ struct GlobalOptions {
     int timeoutMilliseconds = 30000;
     QString cacheDirectory;
     bool noCache = false;
+    /// Each exchange and cache hit described on standard error.
+    bool verbose = false;
 };
 
 /// One command line read against the options of one command.
@@ -38,6 +40,7 @@ struct Invocation {
     QHash<QString, QStringList> options; // by the option's first name; a flag that was given has no values
     GlobalOptions global;
     bool helpRequested = false;
+    bool versionRequested = false;
 
     bool has(const QString &option) const { return options.contains(option); }
     /// The last value given, or the fallback.
@@ -57,6 +60,9 @@ struct Console {
     bool progressOnTerminal = false;
 };
 
+/// The options every command understands.
+const QList<QCommandLineOption> &globalCommandLineOptions();
+
 /// An option that takes a value, under one name or more.
 QCommandLineOption withValue(const QStringList &names);
 
@@ -70,6 +76,10 @@ Invocation readCommandLine(
 
 /// The text as a whole number; anything else is a UsageError of the command naming `what`.
 qint64 wholeNumber(const QString &text, const QString &what, const QString &command);
+
+/// The text as a whole number from minimum to maximum; anything else is a UsageError of the command naming `what`.
+/// A number outside the range is refused, never narrowed.
+qint64 numberIn(const QString &text, const QString &what, qint64 minimum, qint64 maximum, const QString &command);
 
 /// Throws the UsageError "missing argument" or "too many arguments" unless the invocation has `count` words.
 void requireWords(const Invocation &invocation, int count);

@@ -1,16 +1,21 @@
 #include "commands.h"
 
+#include "commandtable.h"
 #include "demo.h"
+#include "demoserver.h"
 #include "flatdocument.h"
 #include "output.h"
 #include "toolmessages.h"
 #include "viewportwindow.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSaveFile>
 
 #include <algorithm>
+#include <limits>
 
 namespace NorvaneCloudTool {
 
@@ -26,12 +31,79 @@ std::shared_ptr<CloudRangeCache> noStoringCache()
     return makeCache(nothingStored);
 }
 
+constexpr qint64 maximumOffset = std::numeric_limits<qint64>::max();
+
+// A local file probed exactly as an object on a server is: served whole and by byte ranges on a loopback port for
+// the length of the probe, memory-mapped so that a large file is not read into memory. Nothing is cached.
+class LocalObject final {
+public:
+    explicit LocalObject(const QString &path)
+        : file(path)
+    {
+        if (!file.open(QIODevice::ReadOnly))
+            throw std::runtime_error(ToolMessages::localFileNotOpened.arg(path, file.errorString()).toStdString());
+        const uchar *mapped = file.size() > 0 ? file.map(0, file.size()) : nullptr;
+        const QByteArray content
+            = mapped ? QByteArray::fromRawData(reinterpret_cast<const char *>(mapped), file.size()) : QByteArray();
+        // A fixed name: the file's own may hold characters that the URL would have to escape.
+        const QString name = QStringLiteral("/local-object");
+        // An ETag from size and modification time, as file servers make them: a digest would read the whole file.
+        const QByteArray etag = '"' + QByteArray::number(QFileInfo(file).lastModified().toSecsSinceEpoch(), 16) + '-'
+            + QByteArray::number(file.size(), 16) + '"';
+        server.serveObject(name, content, QByteArrayLiteral("application/octet-stream"), etag);
+        if (!server.start())
+            throw std::runtime_error(ToolMessages::localServerNotStarted.arg(server.errorString()).toStdString());
+        servedUrl = server.url(name);
+    }
+
+    const QUrl &url() const { return servedUrl; }
+    /// The file's own URL, reported where the loopback URL would be.
+    QUrl fileUrl() const { return QUrl::fromLocalFile(QFileInfo(file).absoluteFilePath()); }
+
+private:
+    QFile file;
+    DemoServer server;
+    QUrl servedUrl;
+};
+
+// A location that is not an http(s) URL names a local file: a path or a file: URL.
+bool isLocalFile(const QString &location)
+{
+    const QUrl url = urlArgument(location);
+    return url.isLocalFile() || (url.scheme() != QLatin1String("http") && url.scheme() != QLatin1String("https"));
+}
+
+QString localPath(const QString &location)
+{
+    const QUrl url = urlArgument(location);
+    return url.isLocalFile() ? url.toLocalFile() : location;
+}
+
+GlobalOptions withoutCache(GlobalOptions global)
+{
+    global.noCache = true;
+    return global;
+}
+
 template <typename Source, typename Location>
 void printProbeOf(const QString &location, const GlobalOptions &global, QTextStream &out)
 {
     Source source(makeCache(global));
     source.rangeReader().setTimeoutMilliseconds(global.timeoutMilliseconds);
     printProbe(out, source.probe(Location(location), global.headers));
+}
+
+template <typename Source>
+void printLocalProbeOf(const QString &location, const GlobalOptions &global, QTextStream &out)
+{
+    if (!isLocalFile(location))
+        return printProbeOf<Source, QUrl>(location, global, out);
+    const LocalObject object(localPath(location));
+    Source source(makeCache(withoutCache(global)));
+    source.rangeReader().setTimeoutMilliseconds(global.timeoutMilliseconds);
+    auto result = source.probe(object.url(), global.headers);
+    result.url = object.fileUrl();
+    printProbe(out, result);
 }
 
 using FlatProbe = int32_t (*)(NorvaneCloudClient *, const char16_t *, const char16_t *, char16_t *, int32_t);
@@ -43,20 +115,23 @@ struct FormatCommands {
     FlatProbe flatProbe;
     void (*printProbe)(const QString &location, const GlobalOptions &global, QTextStream &out);
     QString (*gdalPath)(const QString &location);
+    bool servesLocalFiles; // whether a local file is served on loopback for the library, which reads only URLs
 };
 
 const FormatCommands formats[] = {
     { QStringLiteral("cog"), { QStringLiteral(".tif"), QStringLiteral(".tiff") }, NorvaneCloud_CogProbeJson,
-        printProbeOf<CogSource, QUrl>,
-        [](const QString &location) { return CogSource(noStoringCache()).gdalVirtualPath(urlArgument(location)); } },
+        printLocalProbeOf<CogSource>,
+        [](const QString &location) { return CogSource(noStoringCache()).gdalVirtualPath(urlArgument(location)); },
+        true },
     { QStringLiteral("pmtiles"), { QStringLiteral(".pmtiles") }, NorvaneCloud_PmTilesInspectJson,
         printProbeOf<PmTilesSource, QString>,
-        [](const QString &location) { return PmTilesSource(noStoringCache()).gdalPath(location); } },
+        [](const QString &location) { return PmTilesSource(noStoringCache()).gdalPath(location); }, false },
     { QStringLiteral("parquet"), { QStringLiteral(".parquet"), QStringLiteral(".geoparquet") },
-        NorvaneCloud_GeoParquetProbeJson, printProbeOf<GeoParquetSource, QUrl>,
+        NorvaneCloud_GeoParquetProbeJson, printLocalProbeOf<GeoParquetSource>,
         [](const QString &location) {
             return GeoParquetSource(noStoringCache()).gdalVirtualPath(urlArgument(location));
-        } },
+        },
+        true },
 };
 
 // The format --format names, else the one the location's extension tells, else the fallback unless --format was
@@ -90,8 +165,11 @@ CogByteRange parseRange(const QString &text, const QString &command)
     const QStringList parts = normalised.split(QLatin1Char(' '), Qt::SkipEmptyParts);
     if (parts.size() != 2)
         throw UsageError(ToolMessages::rangeMalformed.arg(text), command);
-    return CogByteRange { wholeNumber(parts.at(0), QStringLiteral("range offset"), command),
-        wholeNumber(parts.at(1), QStringLiteral("range length"), command) };
+    const CogByteRange range { numberIn(parts.at(0), QStringLiteral("range offset"), 0, maximumOffset, command),
+        numberIn(parts.at(1), QStringLiteral("range length"), 1, maximumOffset, command) };
+    if (range.offset > maximumOffset - range.length)
+        throw UsageError(ToolMessages::rangeOverflows, command);
+    return range;
 }
 
 QList<CogByteRange> rangesOf(const Invocation &invocation)
@@ -136,6 +214,15 @@ QUrl urlArgument(const QString &text)
     return QUrl(text, QUrl::TolerantMode);
 }
 
+QUrl httpUrlArgument(const QString &text, const QString &what, const QString &command)
+{
+    const QUrl url = urlArgument(text);
+    if (!url.isValid() || url.host().isEmpty()
+        || (url.scheme() != QLatin1String("http") && url.scheme() != QLatin1String("https")))
+        throw UsageError(ToolMessages::urlNotHttp.arg(what, text), command);
+    return url;
+}
+
 int probeCommand(const Invocation &invocation, Console &console)
 {
     requireWords(invocation, 2);
@@ -145,9 +232,18 @@ int probeCommand(const Invocation &invocation, Console &console)
         format.printProbe(location, invocation.global, console.out);
         return 0;
     }
-    console.out << flatDocument(invocation.global, [&](NorvaneCloudClient *client, char16_t *buffer, int32_t capacity) {
-        return format.flatProbe(client, utf16(location), nullptr, buffer, capacity);
-    }) << '\n';
+    std::unique_ptr<LocalObject> local;
+    if (format.servesLocalFiles && isLocalFile(location))
+        local = std::make_unique<LocalObject>(localPath(location));
+    const QString probed = local ? local->url().toString() : location;
+    QString document = flatDocument(local ? withoutCache(invocation.global) : invocation.global,
+        [&](NorvaneCloudClient *client, char16_t *buffer, int32_t capacity) {
+            return format.flatProbe(client, utf16(probed), nullptr, buffer, capacity);
+        });
+    if (local)
+        document.replace(QLatin1Char('"') + probed + QLatin1Char('"'),
+            QLatin1Char('"') + local->fileUrl().toString() + QLatin1Char('"'));
+    console.out << document << '\n';
     return 0;
 }
 
@@ -196,36 +292,99 @@ int infoCommand(const Invocation &invocation, Console &console)
     return printLayoutVerdict(console.out, structure);
 }
 
-int readCommand(const Invocation &invocation, Console &console)
+namespace {
+
+constexpr qint64 defaultChunkBytes = 8 * 1024 * 1024;
+
+CloudRangeRequest rangeRequestOf(const Invocation &invocation)
 {
-    requireWords(invocation, 4);
-    HttpRangeReader reader(makeCache(invocation.global));
-    reader.setTimeoutMilliseconds(invocation.global.timeoutMilliseconds);
     CloudRangeRequest request;
-    request.url = urlArgument(invocation.words.at(1));
-    request.offset = wholeNumber(invocation.words.at(2), QStringLiteral("OFFSET"), invocation.command);
-    request.length = wholeNumber(invocation.words.at(3), QStringLiteral("LENGTH"), invocation.command);
+    request.url = httpUrlArgument(invocation.words.at(1), QStringLiteral("URL"), invocation.command);
+    request.offset = numberIn(invocation.words.at(2), QStringLiteral("OFFSET"), 0, maximumOffset, invocation.command);
+    request.length = numberIn(invocation.words.at(3), QStringLiteral("LENGTH"), 1, maximumOffset, invocation.command);
+    if (request.offset > maximumOffset - request.length)
+        throw UsageError(ToolMessages::rangeOverflows, invocation.command);
     request.headers = invocation.global.headers;
     request.useCache = !invocation.global.noCache;
-    const CloudRangeResponse response = reader.read(request);
+    return request;
+}
 
-    // --output, when given, wins over -o wherever each stands.
-    const QString outputPath = invocation.value(QStringLiteral("output"), invocation.value(QStringLiteral("o")));
-    if (outputPath.isEmpty() || outputPath == QLatin1String("-")) {
-        console.out.flush();
-        QFile standardOutput;
-        standardOutput.open(stdout, QIODevice::WriteOnly);
-        standardOutput.write(response.data);
-        return 0;
-    }
-    QFile file(outputPath);
-    if (!file.open(QIODevice::WriteOnly) || file.write(response.data) != response.data.size()) {
+// Where the bytes of a long read came from, for its closing line.
+QString sourcesOf(int chunks, int chunksFromCache)
+{
+    if (chunksFromCache == 0)
+        return QStringLiteral("from the network");
+    if (chunksFromCache == chunks)
+        return QStringLiteral("from the cache");
+    return QStringLiteral("%1 of %2 chunks from the cache").arg(chunksFromCache).arg(chunks);
+}
+
+// The range read chunk by chunk, each through the cache and written at once, so memory stays bounded by the chunk
+// size. The file appears only when every chunk has arrived.
+int readToFile(const HttpRangeReader &reader,
+    const CloudRangeRequest &request,
+    qint64 chunkBytes,
+    const QString &outputPath,
+    Console &console)
+{
+    QSaveFile file(outputPath);
+    if (!file.open(QIODevice::WriteOnly)) {
         console.err << ToolMessages::outputNotWritten.arg(outputPath, file.errorString()) << '\n';
         return 1;
     }
-    console.err << "wrote " << response.data.size() << " bytes to " << outputPath << " ("
-                << (response.fromCache ? "from the cache" : "from the network") << ", HTTP " << response.statusCode
-                << ", object size " << response.totalSize << ")\n";
+    ProgressBar bar(console.err, console.progressOnTerminal);
+    const qint64 chunks = (request.length - 1) / chunkBytes + 1;
+    int chunksFromCache = 0;
+    CloudRangeResponse response;
+    for (qint64 done = 0; done < request.length; done += response.data.size()) {
+        CloudRangeRequest chunk = request;
+        chunk.offset = request.offset + done;
+        chunk.length = qMin(chunkBytes, request.length - done);
+        response = reader.read(chunk);
+        chunksFromCache += response.fromCache ? 1 : 0;
+        if (file.write(response.data) != response.data.size()) {
+            console.err << ToolMessages::outputNotWritten.arg(outputPath, file.errorString()) << '\n';
+            return 1;
+        }
+        const qint64 completed = done + response.data.size();
+        const int percent = int(completed * 100 / request.length);
+        bar.show(percent, completed, request.length, QStringLiteral("reading"));
+        if (!console.progressOnTerminal && chunks > 1)
+            console.err << "read " << percent << "% (" << completed << " of " << request.length << " bytes)\n"
+                        << Qt::flush;
+    }
+    bar.finish();
+    if (!file.commit()) {
+        console.err << ToolMessages::outputNotWritten.arg(outputPath, file.errorString()) << '\n';
+        return 1;
+    }
+    console.err << "wrote " << request.length << " bytes to " << outputPath << " ("
+                << sourcesOf(int(chunks), chunksFromCache) << ", HTTP " << response.statusCode << ", object size "
+                << response.totalSize << ")\n";
+    return 0;
+}
+
+} // namespace
+
+int readCommand(const Invocation &invocation, Console &console)
+{
+    requireWords(invocation, 4);
+    const CloudRangeRequest request = rangeRequestOf(invocation);
+    const qint64 chunkBytes
+        = numberIn(invocation.value(QStringLiteral("chunk-size"), QString::number(defaultChunkBytes)),
+            QStringLiteral("--chunk-size"), 1, maximumOffset, invocation.command);
+    HttpRangeReader reader(makeCache(invocation.global));
+    reader.setTimeoutMilliseconds(invocation.global.timeoutMilliseconds);
+
+    // --output, when given, wins over -o wherever each stands.
+    const QString outputPath = invocation.value(QStringLiteral("output"), invocation.value(QStringLiteral("o")));
+    if (!outputPath.isEmpty() && outputPath != QLatin1String("-"))
+        return readToFile(reader, request, chunkBytes, outputPath, console);
+    const CloudRangeResponse response = reader.read(request);
+    console.out.flush();
+    QFile standardOutput;
+    standardOutput.open(stdout, QIODevice::WriteOnly);
+    standardOutput.write(response.data);
     return 0;
 }
 
@@ -235,15 +394,17 @@ int viewportCommand(const Invocation &invocation, Console &console)
         return viewportWindowCommand(invocation, console);
     requireWords(invocation, 2);
     CogViewportRequest request;
-    request.url = urlArgument(invocation.words.at(1));
+    request.url = httpUrlArgument(invocation.words.at(1), QStringLiteral("URL"), invocation.command);
     request.ranges = rangesOf(invocation);
+    if (request.ranges.isEmpty())
+        throw UsageError(ToolMessages::noRanges, invocation.command);
     request.headers = invocation.global.headers;
     if (invocation.has(QStringLiteral("gap")))
-        request.coalesceGap
-            = wholeNumber(invocation.value(QStringLiteral("gap")), QStringLiteral("--gap"), invocation.command);
+        request.coalesceGap = numberIn(
+            invocation.value(QStringLiteral("gap")), QStringLiteral("--gap"), 0, maximumOffset, invocation.command);
     if (invocation.has(QStringLiteral("level")))
-        request.overviewLevel = int(
-            wholeNumber(invocation.value(QStringLiteral("level")), QStringLiteral("--level"), invocation.command));
+        request.overviewLevel = int(numberIn(invocation.value(QStringLiteral("level")), QStringLiteral("--level"), -1,
+            std::numeric_limits<int>::max(), invocation.command));
     ProgressBar bar(console.err, console.progressOnTerminal);
     request.context.progressSink = [&bar](const Norvane::Core::Operations::OperationProgress &progress) {
         bar.show(progress.percent, progress.completed, progress.total, progress.message);
@@ -287,6 +448,13 @@ int cacheClearCommand(const Invocation &invocation, Console &console)
     const qint64 bytes = cache->statistics().diskBytes;
     cache->clear();
     console.out << "cleared " << bytes << " bytes of entry files in " << cache->options().directory << '\n';
+    return 0;
+}
+
+int completionCommand(const Invocation &invocation, Console &console)
+{
+    requireWords(invocation, 1);
+    console.out << bashCompletionScript();
     return 0;
 }
 

@@ -24,11 +24,14 @@ int gdalOptionsCommand(const Invocation &invocation, Console &console);
 int cacheStatsCommand(const Invocation &invocation, Console &console);
 int cacheClearCommand(const Invocation &invocation, Console &console);
 int demoCommand(const Invocation &invocation, Console &console);
+int completionCommand(const Invocation &invocation, Console &console);
 
 /// The cache the global options ask for.
 std::shared_ptr<Norvane::Cloud::CloudRangeCache> makeCache(const GlobalOptions &global);
 /// A location argument as a URL, read in tolerant mode.
 QUrl urlArgument(const QString &text);
+/// An http(s) URL argument; anything else is a UsageError of the command naming `what`.
+QUrl httpUrlArgument(const QString &text, const QString &what, const QString &command);
 /// The ranges of a ranges file: one "OFFSET LENGTH" or "OFFSET:LENGTH" a line, "#" starting a comment. A file that
 /// cannot be read or a line that is no range is a UsageError of the command.
 /// The structure of a TIFF at an http(s) URL (with the global options) or at a local path.

@@ -42,10 +42,13 @@ const QList<Command> &commands()
                            "  --json      print the structure (and the verdict) as one JSON document\n"
                            "Exit status: 0 success (layout valid), 1 failure, 2 usage error, 3 layout not valid.\n"),
             infoCommand },
-        { QStringLiteral("read"), { withValue({ QStringLiteral("o") }), withValue({ QStringLiteral("output") }) },
+        { QStringLiteral("read"),
+            { withValue({ QStringLiteral("o") }), withValue({ QStringLiteral("output") }),
+                withValue({ QStringLiteral("chunk-size") }) },
             QStringLiteral("read URL OFFSET LENGTH"), QStringLiteral("one byte range"),
-            QStringLiteral("Usage: norvane-cloud read URL OFFSET LENGTH [-o FILE]\n"
-                           "Reads one byte range to standard output, or to FILE.\n"),
+            QStringLiteral("Usage: norvane-cloud read URL OFFSET LENGTH [-o FILE [--chunk-size BYTES]]\n"
+                           "Reads one byte range to standard output, or to FILE in chunks (default 8388608 bytes)\n"
+                           "through the cache, with a progress bar on a terminal and a percentage line otherwise.\n"),
             readCommand },
         { QStringLiteral("viewport"),
             { withValue({ QStringLiteral("range") }), withValue({ QStringLiteral("ranges-file") }),
@@ -73,7 +76,9 @@ const QList<Command> &commands()
                 "Usage: norvane-cloud stac search CATALOG [--collections a,b] [--bbox w,s,e,n] [--datetime T]\n"
                 "                                 [--limit N] [--max-pages N] [--json]\n"
                 "Searches a STAC API and lists the items, following next pages up to --max-pages (default 1).\n"
-                "  --json   print the flat interface's search result document of the first page\n"),
+                "A CATALOG ending in /search is the search endpoint itself. When a later page fails, the items\n"
+                "fetched so far are printed, then the failure (exit status 1).\n"
+                "  --json   print every item fetched as one GeoJSON FeatureCollection\n"),
             stacSearchCommand },
         { QStringLiteral("stac layer"), searchOptions({ QStringLiteral("item"), QStringLiteral("asset") }),
             QStringLiteral("stac layer CATALOG"), QStringLiteral("resolve an item's COG layer"),
@@ -111,11 +116,21 @@ const QList<Command> &commands()
             QStringLiteral("Usage: norvane-cloud demo\n"
                            "Serves a bundled sample set on a free loopback port and walks through every capability.\n"),
             demoCommand },
+        { QStringLiteral("completion"), {}, QStringLiteral("completion"), QStringLiteral("the bash completion script"),
+            QStringLiteral("Usage: norvane-cloud completion\n"
+                           "Prints the bash completion script, installed as\n"
+                           "share/bash-completion/completions/norvane-cloud.\n"),
+            completionCommand },
     };
     return table;
 }
 
 } // namespace
+
+const QList<Command> &allCommands()
+{
+    return commands();
+}
 
 const Command *findCommand(const QString &name)
 {
@@ -145,7 +160,11 @@ QString usageText(const Command *command)
                          "  --timeout MS            network time-out in milliseconds (default 30000)\n"
                          "  --cache-dir DIR         cache folder (default: the user's cache location)\n"
                          "  --no-cache              neither read from nor store in the cache\n"
-                         "  --help                  this text\n");
+                         "  -v, --verbose           describe each HTTP exchange and cache hit on standard error\n"
+                         "  --help                  this text\n"
+                         "  --version               the version of norvane-cloud\n"
+                         "Proxies: http_proxy, https_proxy and no_proxy are honoured.\n"
+                         "Exit status: 0 success, 1 the operation failed, 2 usage error.\n");
     if (command)
         return command->usage + QLatin1Char('\n') + globalText;
     QString text = QStringLiteral("Usage: norvane-cloud COMMAND [options]\n\nCommands:\n");

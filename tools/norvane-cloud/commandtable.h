@@ -15,6 +15,9 @@ struct Command {
     int (*run)(const Invocation &invocation, Console &console) = nullptr;
 };
 
+/// Every entry, in the order of the list of commands.
+const QList<Command> &allCommands();
+
 /// The entry of a command name, or null.
 const Command *findCommand(const QString &name);
 
@@ -24,5 +27,8 @@ QString commandNameOf(const QStringList &arguments);
 
 /// The usage text of a command, or of the whole tool for null.
 QString usageText(const Command *command);
+
+/// The bash completion script of the tool: its commands and each command's options.
+QString bashCompletionScript();
 
 } // namespace NorvaneCloudTool

@@ -182,12 +182,14 @@ DemoServer::~DemoServer()
     stop();
 }
 
-void DemoServer::serveObject(const QString &path, const QByteArray &content, const QByteArray &contentType)
+void DemoServer::serveObject(
+    const QString &path, const QByteArray &content, const QByteArray &contentType, const QByteArray &etag)
 {
-    const QByteArray digest = QCryptographicHash::hash(content, QCryptographicHash::Sha1).toHex().left(16);
-    const QByteArray etag = '"' + digest + '-' + QByteArray::number(content.size(), 16) + '"';
+    const QByteArray digest
+        = etag.isEmpty() ? QCryptographicHash::hash(content, QCryptographicHash::Sha1).toHex().left(16) : QByteArray();
+    const QByteArray tag = etag.isEmpty() ? '"' + digest + '-' + QByteArray::number(content.size(), 16) + '"' : etag;
     QMutexLocker lock(&d->mutex);
-    d->routes.insert(path, Route { contentType, content, etag, {} });
+    d->routes.insert(path, Route { contentType, content, tag, {} });
 }
 
 void DemoServer::serveComputed(const QString &path, const QByteArray &contentType, Handler handler)

@@ -23,8 +23,12 @@ public:
     DemoServer(const DemoServer &) = delete;
     DemoServer &operator=(const DemoServer &) = delete;
 
-    /// Serves content for GET and HEAD at path (without query), whole or as one byte range.
-    void serveObject(const QString &path, const QByteArray &content, const QByteArray &contentType);
+    /// Serves content for GET and HEAD at path (without query), whole or as one byte range. Without an ETag one is
+    /// made from a digest of the content.
+    void serveObject(const QString &path,
+        const QByteArray &content,
+        const QByteArray &contentType,
+        const QByteArray &etag = QByteArray());
     /// Answers every request to path with 200 and the handler's body. The handler runs on the server's thread.
     void serveComputed(const QString &path, const QByteArray &contentType, Handler handler);
 

@@ -1,5 +1,6 @@
 #include "gdaloptions.h"
 
+#include "commandline.h"
 #include "commands.h"
 
 #include <norvanecloud/formats.h>
@@ -7,6 +8,7 @@
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <limits>
 
 namespace NorvaneCloudTool {
 
@@ -98,8 +100,8 @@ int gdalOptionsCommand(const Invocation &invocation, Console &console)
 {
     if (invocation.words.size() > 2)
         requireWords(invocation, 2);
-    const qint64 cacheSize = wholeNumber(invocation.value(QStringLiteral("cache-size"), QStringLiteral("268435456")),
-        QStringLiteral("--cache-size"), invocation.command);
+    const qint64 cacheSize = numberIn(invocation.value(QStringLiteral("cache-size"), QStringLiteral("268435456")),
+        QStringLiteral("--cache-size"), 1, std::numeric_limits<qint64>::max(), invocation.command);
     const QString location = invocation.words.value(1);
     console.out << gdalConfigPairs(gdalAccessOptions(location, invocation.global, cacheSize)).join(QLatin1Char(' '))
                 << '\n';

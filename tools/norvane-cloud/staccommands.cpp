@@ -10,6 +10,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <exception>
+#include <limits>
+
 namespace NorvaneCloudTool {
 
 using namespace Norvane::Cloud;
@@ -29,11 +32,13 @@ StacSearchRequest searchRequestOf(const Invocation &invocation)
             if (!ok)
                 throw UsageError(ToolMessages::bboxNotNumbers, invocation.command);
         }
+        if (request.bbox.size() != 4 && request.bbox.size() != 6)
+            throw UsageError(ToolMessages::bboxWrongSize, invocation.command);
     }
     request.datetime = invocation.value(QStringLiteral("datetime"));
     if (invocation.has(QStringLiteral("limit")))
-        request.limit = int(
-            wholeNumber(invocation.value(QStringLiteral("limit")), QStringLiteral("--limit"), invocation.command));
+        request.limit = int(numberIn(invocation.value(QStringLiteral("limit")), QStringLiteral("--limit"), 1,
+            std::numeric_limits<int>::max(), invocation.command));
     return request;
 }
 
@@ -51,12 +56,81 @@ QString searchRequestDocument(const StacSearchRequest &request)
     return QString::fromUtf8(QJsonDocument(document).toJson(QJsonDocument::Compact));
 }
 
+// The catalogue the CATALOG argument names. A URL that already ends in /search names the search endpoint itself, to
+// which the client would add another /search.
+QUrl catalogueOf(const Invocation &invocation)
+{
+    QUrl url = httpUrlArgument(invocation.words.at(2), QStringLiteral("CATALOG"), invocation.command);
+    const QString path = url.path();
+    if (path.endsWith(QLatin1String("/search")))
+        url.setPath(path.chopped(int(qstrlen("search"))));
+    return url;
+}
+
 std::unique_ptr<StacClient> stacClientFor(const Invocation &invocation)
 {
-    auto client = std::make_unique<StacClient>(urlArgument(invocation.words.at(2)), makeCache(invocation.global));
+    auto client = std::make_unique<StacClient>(catalogueOf(invocation), makeCache(invocation.global));
     client->setTimeoutMilliseconds(invocation.global.timeoutMilliseconds);
     client->setHeaders(invocation.global.headers);
     return client;
+}
+
+// The pages of a search up to the largest number asked for. A page that fails ends the search: the items of the
+// pages before it are kept and the failure returned.
+struct FetchedPages {
+    QList<StacSearchResult> pages;
+    std::exception_ptr failure;
+};
+
+FetchedPages fetchPages(
+    const StacClient &client, const StacSearchRequest &request, qint64 maximumPages, Console &console)
+{
+    FetchedPages fetched;
+    try {
+        fetched.pages.append(client.search(request));
+        console.err << "page 1: " << fetched.pages.last().items.size() << " items\n";
+        while (fetched.pages.size() < maximumPages && fetched.pages.last().nextPage.isValid()) {
+            fetched.pages.append(client.fetchNext(fetched.pages.last()));
+            console.err << "page " << fetched.pages.size() << ": " << fetched.pages.last().items.size() << " items\n";
+        }
+    } catch (const std::exception &) {
+        if (fetched.pages.isEmpty())
+            throw;
+        fetched.failure = std::current_exception();
+    }
+    return fetched;
+}
+
+// One GeoJSON FeatureCollection of every item fetched, with the catalogue's count of matches when it gave one.
+QJsonObject featureCollection(const QList<StacSearchResult> &pages)
+{
+    QJsonArray features;
+    for (const StacSearchResult &page : pages) {
+        for (const StacItem &item : page.items)
+            features.append(item.raw);
+    }
+    QJsonObject collection { { QStringLiteral("type"), QStringLiteral("FeatureCollection") },
+        { QStringLiteral("features"), features }, { QStringLiteral("numberReturned"), features.size() } };
+    if (pages.last().matched >= 0)
+        collection.insert(QStringLiteral("numberMatched"), pages.last().matched);
+    return collection;
+}
+
+void printPages(const QList<StacSearchResult> &pages, bool json, QTextStream &out)
+{
+    if (json) {
+        out << QJsonDocument(featureCollection(pages)).toJson(QJsonDocument::Compact) << '\n';
+        return;
+    }
+    QList<StacItem> items;
+    for (const StacSearchResult &page : pages)
+        items.append(page.items);
+    printStacItems(out, items);
+    const StacSearchResult &last = pages.last();
+    out << '\n' << items.size() << " items on " << pages.size() << (pages.size() == 1 ? " page" : " pages");
+    if (last.matched >= 0)
+        out << "; the catalogue reports " << last.matched << " matching";
+    out << (last.nextPage.isValid() ? "; more pages follow" : "; no further page") << '\n';
 }
 
 } // namespace
@@ -65,36 +139,13 @@ int stacSearchCommand(const Invocation &invocation, Console &console)
 {
     requireWords(invocation, 3);
     const StacSearchRequest request = searchRequestOf(invocation);
-    if (invocation.has(QStringLiteral("json"))) {
-        const QString requestDocument = searchRequestDocument(request);
-        console.out << flatDocument(
-            invocation.global, [&](NorvaneCloudClient *client, char16_t *buffer, int32_t capacity) {
-                return NorvaneCloud_StacSearchJson(
-                    client, utf16(invocation.words.at(2)), utf16(requestDocument), buffer, capacity);
-            }) << '\n';
-        return 0;
-    }
-    const qint64 maximumPages = wholeNumber(invocation.value(QStringLiteral("max-pages"), QStringLiteral("1")),
-        QStringLiteral("--max-pages"), invocation.command);
-    if (maximumPages < 1)
-        throw UsageError(ToolMessages::maximumPagesNotPositive, invocation.command);
-
+    const qint64 maximumPages = numberIn(invocation.value(QStringLiteral("max-pages"), QStringLiteral("1")),
+        QStringLiteral("--max-pages"), 1, std::numeric_limits<qint64>::max(), invocation.command);
     const std::unique_ptr<StacClient> client = stacClientFor(invocation);
-    StacSearchResult page = client->search(request);
-    QList<StacItem> items = page.items;
-    qint64 pages = 1;
-    console.err << "page 1: " << page.items.size() << " items\n";
-    while (pages < maximumPages && page.nextPage.isValid()) {
-        page = client->fetchNext(page);
-        ++pages;
-        items.append(page.items);
-        console.err << "page " << pages << ": " << page.items.size() << " items\n";
-    }
-    printStacItems(console.out, items);
-    console.out << '\n' << items.size() << " items on " << pages << (pages == 1 ? " page" : " pages");
-    if (page.matched >= 0)
-        console.out << "; the catalogue reports " << page.matched << " matching";
-    console.out << (page.nextPage.isValid() ? "; more pages follow" : "; no further page") << '\n';
+    const FetchedPages fetched = fetchPages(*client, request, maximumPages, console);
+    printPages(fetched.pages, invocation.has(QStringLiteral("json")), console.out);
+    if (fetched.failure)
+        std::rethrow_exception(fetched.failure);
     return 0;
 }
 
@@ -103,26 +154,27 @@ int stacLayerCommand(const Invocation &invocation, Console &console)
     requireWords(invocation, 3);
     if (!invocation.has(QStringLiteral("item")))
         throw UsageError(ToolMessages::itemRequired, invocation.command);
-    const qint64 index
-        = wholeNumber(invocation.value(QStringLiteral("item")), QStringLiteral("--item"), invocation.command);
+    const int index = int(numberIn(invocation.value(QStringLiteral("item")), QStringLiteral("--item"), 0,
+        std::numeric_limits<int>::max(), invocation.command));
     const StacSearchRequest request = searchRequestOf(invocation);
     const QString assetKey = invocation.value(QStringLiteral("asset"));
     if (invocation.has(QStringLiteral("json"))) {
         const QString requestDocument = searchRequestDocument(request);
+        const QString catalogue = catalogueOf(invocation).toString();
         console.out << flatDocument(
             invocation.global, [&](NorvaneCloudClient *client, char16_t *buffer, int32_t capacity) {
-                return NorvaneCloud_StacResolveCogLayerJson(client, utf16(invocation.words.at(2)),
-                    utf16(requestDocument), utf16(assetKey), int(index), buffer, capacity);
+                return NorvaneCloud_StacResolveCogLayerJson(
+                    client, utf16(catalogue), utf16(requestDocument), utf16(assetKey), index, buffer, capacity);
             }) << '\n';
         return 0;
     }
     const std::unique_ptr<StacClient> client = stacClientFor(invocation);
     const StacSearchResult page = client->search(request);
-    if (index < 0 || index >= page.items.size()) {
+    if (index >= page.items.size()) {
         console.err << QString(ToolMessages::itemNotOnFirstPage).arg(index).arg(page.items.size()) << '\n';
         return 1;
     }
-    printCogLayer(console.out, client->cogLayer(page.items.at(int(index)), assetKey));
+    printCogLayer(console.out, client->cogLayer(page.items.at(index), assetKey));
     return 0;
 }
 

@@ -1,11 +1,14 @@
 #include "viewportwindow.h"
 
+#include "commandline.h"
 #include "commands.h"
 #include "output.h"
 #include "svgmap.h"
 #include "toolmessages.h"
 
 #include <QFile>
+
+#include <limits>
 
 namespace NorvaneCloudTool {
 
@@ -32,11 +35,8 @@ QString span(const QString &what, qint64 first, qint64 last)
 
 qint64 levelOf(const Invocation &invocation)
 {
-    const QString text = invocation.value(QStringLiteral("level"), QStringLiteral("0"));
-    const qint64 level = wholeNumber(text, QStringLiteral("--level"), invocation.command);
-    if (level < 0)
-        throw UsageError(ToolMessages::levelNegative.arg(text), invocation.command);
-    return level;
+    return numberIn(invocation.value(QStringLiteral("level"), QStringLiteral("0")), QStringLiteral("--level"), 0,
+        std::numeric_limits<int>::max(), invocation.command);
 }
 
 // The progress of the read, drawn on the console's bar.
@@ -45,8 +45,8 @@ CogViewportRequest requestOf(const Invocation &invocation, ProgressBar &bar)
     CogViewportRequest request;
     request.headers = invocation.global.headers;
     if (invocation.has(QStringLiteral("gap")))
-        request.coalesceGap
-            = wholeNumber(invocation.value(QStringLiteral("gap")), QStringLiteral("--gap"), invocation.command);
+        request.coalesceGap = numberIn(invocation.value(QStringLiteral("gap")), QStringLiteral("--gap"), 0,
+            std::numeric_limits<qint64>::max(), invocation.command);
     request.context.progressSink = [&bar](const Norvane::Core::Operations::OperationProgress &progress) {
         bar.show(progress.percent, progress.completed, progress.total, progress.message);
     };
