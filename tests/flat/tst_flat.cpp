@@ -162,6 +162,14 @@ private slots:
             "-1, 0 sent: Cloud headers must be a JSON object");
         ROW("search, request a null literal", failed(NorvaneCloud_StacSearchJson(c, stac.c_str(), u"null", b, 8)),
             "-1, 0 sent: STAC search request must be a JSON object");
+        ROW("search, file catalogue", failed(NorvaneCloud_StacSearchJson(c, u"file:///etc", nullptr, b, 8)),
+            "-1, 0 sent: Cloud URL must use HTTP or HTTPS");
+        ROW("search, header value with CR LF",
+            failed((NorvaneCloud_SetHeadersJson(c, uR"({"X":"1\r\nY: 2"})"),
+                NorvaneCloud_StacSearchJson(c, stac.c_str(), nullptr, b, 8))),
+            "-1, 0 sent: HTTP header value contains CR, LF or NUL");
+        ROW("probe, header name empty", failed(NorvaneCloud_CogProbeJson(c, cog.c_str(), uR"({"":"1"})", b, 8)),
+            "-1, 0 sent: HTTP header name is empty");
         ROW("search, client time-out",
             failed((NorvaneCloud_SetTimeout(c, 500), NorvaneCloud_StacSearchJson(c, slow.c_str(), nullptr, b, 8))),
             "-1, 1 sent: STAC request timed out");
