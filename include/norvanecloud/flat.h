@@ -2,11 +2,14 @@
  *
  * Conventions shared by every function:
  * - Text arguments are zero-terminated UTF-16 (char16_t units), borrowed for the call only; a null pointer reads
- *   as empty text.
+ *   as empty text. They are taken unit for unit: a leading U+FEFF or U+FFFE is text, not a byte-order mark.
  * - Text results are written into a caller-owned buffer of char16_t units whose capacity (terminator included)
  *   the caller states. As much as fits is copied, always followed by a zero unit, and the full length of the
  *   result (terminator not counted) is returned. Pass a null buffer or capacity 0 to learn the length first; a
- *   return value of capacity or more means the text was cut. Each call repeats the whole operation.
+ *   return value of capacity or more means the text was cut. Each call repeats the whole operation. A result
+ *   longer than 2147483647 units fails with "Result text is longer than 2147483647 UTF-16 units".
+ * - Integer members of the documents read are taken exactly from their text, however written (25, 25.0, 2.5e1);
+ *   a number that is not whole or does not fit in 64 bits counts as a member of the wrong kind.
  * - Failures return -1 (text functions), 0 (flag functions) or null (NorvaneCloud_CreateClient) and set the
  *   calling thread's last error, read with NorvaneCloud_LastError. On failure the buffer is left untouched.
  * - The library never allocates memory that the caller must free.

@@ -173,10 +173,13 @@ public:
     /// Reads exactly request.length bytes, from the cache or the network. Throws std::invalid_argument for bad
     /// arguments and std::runtime_error for cancellation, time-out, network failures and answers that do not
     /// match the request; exceptions of the operation context pass through unchanged.
+    /// Before the cache is consulted, a URL whose scheme is not http or https is refused with "Cloud URL must use
+    /// HTTP or HTTPS", and a header with an empty name or with CR, LF or NUL in its name or value with "HTTP header
+    /// name is empty", "HTTP header name contains CR, LF or NUL" or "HTTP header value contains CR, LF or NUL".
     CloudRangeResponse read(const CloudRangeRequest &request) const;
     /// read() of a request with the three values and every other field at its default.
     CloudRangeResponse read(const QUrl &url, qint64 offset, qint64 length) const;
-    /// One HEAD exchange; never uses the cache.
+    /// One HEAD exchange; never uses the cache. Refuses URLs and headers as read() does.
     CloudResourceMetadata inspect(const QUrl &url, const QHash<QByteArray, QByteArray> &headers) const;
 
 private:

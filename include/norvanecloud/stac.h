@@ -88,6 +88,8 @@ struct NORVANECLOUD_EXPORT StacCogLayer {
 /// A client of one STAC API catalogue. Answers are stored in the shared range cache, keyed by URL, method,
 /// body and configured headers, so a repeated identical request makes no network traffic.
 ///
+/// Requests are refused before the cache is consulted as HttpRangeReader::read refuses them: only http and https
+/// URLs, and no header with an empty name or with CR, LF or NUL in it.
 /// Network operations block and need a Qt application object. Settings must not be changed while an
 /// operation runs; separate clients may run on separate threads and share one cache.
 class NORVANECLOUD_EXPORT StacClient final {

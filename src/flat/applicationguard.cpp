@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 
+#include <atomic>
 #include <clocale>
 #include <cstring>
 #include <exception>
@@ -16,6 +17,34 @@ QMutex &applicationMutex()
 {
     static QMutex mutex;
     return mutex;
+}
+
+// The handler the process had before a quiet construction began; every message but Qt's warning goes on to it.
+std::atomic<QtMessageHandler> hostMessageHandler { nullptr };
+
+void withoutThreadWarning(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    if (type == QtWarningMsg && message == QLatin1String(FlatMessages::applicationThreadWarning))
+        return;
+    hostMessageHandler.load()(type, context, message);
+}
+
+// Qt warns on stderr when an application object is made on another thread than the first one that used Qt. For a
+// temporary object that is the normal case, and the library writes nothing: for just the construction, under the
+// process-wide mutex, that one warning is held back.
+std::unique_ptr<QCoreApplication> quietApplication(int &argumentCount, char **arguments)
+{
+    hostMessageHandler.store(qInstallMessageHandler(withoutThreadWarning));
+    struct Restore {
+        ~Restore()
+        {
+            // Put back only our own filter: a handler the host installed meanwhile stays.
+            const QtMessageHandler current = qInstallMessageHandler(hostMessageHandler.load());
+            if (current != withoutThreadWarning)
+                qInstallMessageHandler(current);
+        }
+    } restore;
+    return std::make_unique<QCoreApplication>(argumentCount, arguments);
 }
 
 } // namespace
@@ -41,7 +70,7 @@ ApplicationGuard::ApplicationGuard() noexcept
         if (const char *locale = std::setlocale(LC_ALL, nullptr))
             hostLocale = locale;
         arguments[0] = programName;
-        application = std::make_unique<QCoreApplication>(argumentCount, arguments);
+        application = quietApplication(argumentCount, arguments);
     } catch (const std::exception &) {
         application.reset();
     }

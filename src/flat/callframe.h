@@ -12,12 +12,16 @@
 
 namespace Norvane::Cloud {
 
-/// Borrowed zero-terminated UTF-16 as a QString; null reads as empty text.
+/// Borrowed zero-terminated UTF-16 as a QString, unit for unit; null reads as empty text.
 QString textArgument(const char16_t *text);
 /// The text parsed as a URL in tolerant mode; nothing checks its validity here.
 QUrl urlArgument(const char16_t *text);
+/// A count of UTF-16 units as the flat interface returns it; throws std::length_error "Result text is longer than
+/// 2147483647 UTF-16 units" when a signed 32-bit length cannot hold it.
+qint32 resultLength(qsizetype units);
 /// Copies as much of text as fits, always terminated, into a buffer of capacity units; with a null buffer or a
-/// capacity below 1 nothing is written. Returns the full length of text.
+/// capacity below 1 nothing is written. Returns the full length of text; a text too long for resultLength fails
+/// before anything is written.
 qint32 copyResultText(const QString &text, char16_t *buffer, qint32 capacity);
 
 /// Runs an action with the last error cleared and returns what it returns; an exception of the standard family

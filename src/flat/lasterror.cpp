@@ -1,5 +1,7 @@
 #include "flat/lasterror.h"
 
+#include <limits>
+
 namespace Norvane::Cloud {
 
 namespace {
@@ -19,7 +21,8 @@ const QString &lastError()
 
 void setLastError(const QString &message)
 {
-    threadLastError() = message;
+    // Kept within what a signed 32-bit length counts, so reading it back can never fail.
+    threadLastError() = message.left(std::numeric_limits<qint32>::max());
 }
 
 void clearLastError()

@@ -4,6 +4,7 @@
 #include "transport/cachedfetch.h"
 #include "transport/cachekey.h"
 #include "transport/httpexchange.h"
+#include "transport/requestcheck.h"
 
 #include <stdexcept>
 
@@ -60,6 +61,7 @@ QByteArray run(CloudRangeCache &cache,
     const QHash<QByteArray, QByteArray> &headers,
     int timeoutMilliseconds)
 {
+    RequestCheck::requireSendable(url, headers);
     // STAC answers are looked up and stored, but identical requests running at once each go to the network, and
     // their traffic is not counted as range transfers.
     const CachedFetchRules rules { true, false, false };

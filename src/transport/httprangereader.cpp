@@ -5,6 +5,7 @@
 #include "transport/exchangelog.h"
 #include "transport/httpexchange.h"
 #include "transport/rangeanswer.h"
+#include "transport/requestcheck.h"
 #include "transport/transportmessages.h"
 
 #include <QVariantMap>
@@ -92,6 +93,7 @@ QString displayText(const QUrl &url, const QByteArray &encodedUrl)
 void checkArguments(const CloudRangeRequest &request)
 {
     requireValidUrl(request.url);
+    RequestCheck::requireSendable(request.url, request.headers);
     if (request.offset < 0)
         throw std::invalid_argument(TransportMessages::offsetNegative);
     if (request.length < 1)
@@ -272,6 +274,7 @@ CloudRangeResponse HttpRangeReader::read(const QUrl &url, qint64 offset, qint64 
 CloudResourceMetadata HttpRangeReader::inspect(const QUrl &url, const QHash<QByteArray, QByteArray> &headers) const
 {
     requireValidUrl(url);
+    RequestCheck::requireSendable(url, headers);
     HttpExchange::Request exchange;
     exchange.url = url;
     exchange.method = HttpExchange::Method::Head;

@@ -13,6 +13,10 @@ inline constexpr char offsetNegative[] = "Cloud range offset cannot be negative"
 inline constexpr char lengthNotPositive[] = "Cloud range length must be positive";
 inline constexpr char rangeOverflows[] = "Cloud byte range overflows";
 inline constexpr char timeoutNotPositive[] = "HTTP timeout must be positive";
+inline constexpr char urlSchemeNotHttp[] = "Cloud URL must use HTTP or HTTPS";
+inline constexpr char headerNameEmpty[] = "HTTP header name is empty";
+inline constexpr char headerNameBreaksLine[] = "HTTP header name contains CR, LF or NUL";
+inline constexpr char headerValueBreaksLine[] = "HTTP header value contains CR, LF or NUL";
 
 inline constexpr char requestCancelled[] = "HTTP request cancelled";
 inline constexpr char requestTimedOut[] = "HTTP request timed out";

@@ -143,6 +143,42 @@ private slots:
         QVERIFY(!QFileInfo::exists(dir(QStringLiteral("never"))));
     }
 
+    // Only http and https leave the reader, and only headers that cannot end their line early: read and inspect
+    // refuse anything else before the cache or the server sees it. url: a path on the fault server, or a whole URL.
+    void unsendableRequestsAreRefused_data()
+    {
+        QTest::addColumn<QString>("url");
+        QTest::addColumn<QByteArray>("name");
+        QTest::addColumn<QByteArray>("value");
+        QTest::addColumn<QString>("expected");
+        const QString scheme = QStringLiteral("Cloud URL must use HTTP or HTTPS");
+        QTest::newRow("file") << "file:///etc/hostname" << QByteArray("X") << QByteArray() << scheme;
+        QTest::newRow("ftp") << "ftp://127.0.0.1/o" << QByteArray("X") << QByteArray() << scheme;
+        QTest::newRow("data") << "data:,abc" << QByteArray("X") << QByteArray() << scheme;
+        QTest::newRow("name empty") << "/o" << QByteArray() << QByteArray("1") << "HTTP header name is empty";
+        const QString name = QStringLiteral("HTTP header name contains CR, LF or NUL");
+        QTest::newRow("name, CR LF") << "/o" << QByteArray("X\r\nY") << QByteArray("1") << name;
+        QTest::newRow("name, NUL") << "/o" << QByteArray("X\0Y", 3) << QByteArray("1") << name;
+        const QString value = QStringLiteral("HTTP header value contains CR, LF or NUL");
+        QTest::newRow("value, CR") << "/o" << QByteArray("X") << QByteArray("1\rY: 2") << value;
+        QTest::newRow("value, LF") << "/o" << QByteArray("X") << QByteArray("1\nY: 2") << value;
+        QTest::newRow("value, NUL") << "/o" << QByteArray("X") << QByteArray("1\0", 2) << value;
+    }
+    void unsendableRequestsAreRefused()
+    {
+        QFETCH(QString, url);
+        QFETCH(QByteArray, name);
+        QFETCH(QByteArray, value);
+        FaultServer server([](const FaultRequest &request) { return objectReply(request, object); });
+        const QUrl target = url.startsWith(u'/') ? server.url(url.toLatin1()) : QUrl(url);
+        const QHash<QByteArray, QByteArray> headers { { name, value } };
+        const QString read = failureOf([&] { reader->read({ target, 0, 16, headers }); });
+        const QString inspect = failureOf([&] { reader->inspect(target, headers); });
+        QFETCH(QString, expected);
+        QCOMPARE(QStringList({ read, inspect }), QStringList(2, "invalid_argument: " + expected));
+        QCOMPARE(counters(cache->statistics()) << server.requestCount(), QList<qint64>(11, 0));
+    }
+
     void read_data()
     {
         QTest::addColumn<Read>("row");

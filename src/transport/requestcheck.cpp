@@ -1,0 +1,34 @@
+#include "transport/requestcheck.h"
+
+#include "transport/transportmessages.h"
+
+#include <stdexcept>
+
+namespace Norvane::Cloud::RequestCheck {
+
+namespace {
+
+bool endsLineEarly(const QByteArray &text)
+{
+    return text.contains('\r') || text.contains('\n') || text.contains('\0');
+}
+
+} // namespace
+
+void requireSendable(const QUrl &url, const QHash<QByteArray, QByteArray> &headers)
+{
+    // QUrl keeps schemes in lower case, so every spelling of the two passes.
+    const QString scheme = url.scheme();
+    if (scheme != QLatin1String("http") && scheme != QLatin1String("https"))
+        throw std::invalid_argument(TransportMessages::urlSchemeNotHttp);
+    for (auto header = headers.constBegin(); header != headers.constEnd(); ++header) {
+        if (header.key().isEmpty())
+            throw std::invalid_argument(TransportMessages::headerNameEmpty);
+        if (endsLineEarly(header.key()))
+            throw std::invalid_argument(TransportMessages::headerNameBreaksLine);
+        if (endsLineEarly(header.value()))
+            throw std::invalid_argument(TransportMessages::headerValueBreaksLine);
+    }
+}
+
+} // namespace Norvane::Cloud::RequestCheck
