@@ -145,6 +145,7 @@ private slots:
         row("local parquet", "probe %d/parquet/geoparquet-v1.1.0-example-countries.parquet", 0,
             "footer marker   yes\ncloud readable  yes\n");
         row("no local archive", "probe /nonexistent/a.pmtiles", 1, "PMTiles local archive does not exist\n");
+        row("info of another scheme", "info ftp://x/a.tif", 1, "Cloud URL must use HTTP or HTTPS\n");
         row("no command", "", 2, "Usage: norvane-cloud COMMAND [options]\n");
         row("unknown command", "fly", 2, "norvane-cloud: unknown command \"fly\"\n\nUsage: norvane-cloud COMMAND");
         row("missing argument", "read http://x/a", 2, "norvane-cloud: missing argument\n\nUsage: norvane-cloud read");

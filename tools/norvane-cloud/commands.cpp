@@ -250,7 +250,8 @@ int probeCommand(const Invocation &invocation, Console &console)
 CogStructureResult structureOf(const QString &location, const GlobalOptions &global)
 {
     const QUrl url = urlArgument(location);
-    if (url.scheme() != QLatin1String("http") && url.scheme() != QLatin1String("https"))
+    // Other schemes go to the library, which names the ones it refuses.
+    if (url.isLocalFile() || url.scheme().isEmpty())
         return CogSource::structureOfFile(url.isLocalFile() ? url.toLocalFile() : location);
     CogSource source(makeCache(global));
     source.rangeReader().setTimeoutMilliseconds(global.timeoutMilliseconds);

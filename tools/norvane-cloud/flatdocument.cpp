@@ -16,7 +16,7 @@ namespace {
     const int32_t length = NorvaneCloud_LastError(nullptr, 0);
     std::vector<char16_t> buffer(size_t(length) + 1);
     NorvaneCloud_LastError(buffer.data(), int32_t(buffer.size()));
-    throw std::runtime_error(QString::fromUtf16(buffer.data(), length).toStdString());
+    throw std::runtime_error(QStringView(buffer.data(), length).toString().toStdString());
 }
 
 QString compact(const QJsonObject &object)
@@ -57,7 +57,7 @@ QString flatDocument(const GlobalOptions &global, const FlatTextCall &call)
     }
     if (length < 0)
         failWithLastError();
-    return QString::fromUtf16(buffer.data(), std::min<qsizetype>(length, qsizetype(buffer.size()) - 1));
+    return QStringView(buffer.data(), std::min<qsizetype>(length, qsizetype(buffer.size()) - 1)).toString();
 }
 
 } // namespace NorvaneCloudTool
