@@ -2,8 +2,8 @@
 
 #include "commandtable.h"
 #include "demo.h"
-#include "demoserver.h"
 #include "flatdocument.h"
+#include "localobject.h"
 #include "output.h"
 #include "toolmessages.h"
 #include "viewportwindow.h"
@@ -12,7 +12,6 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QSaveFile>
 
 #include <algorithm>
 #include <limits>
@@ -33,44 +32,11 @@ std::shared_ptr<CloudRangeCache> noStoringCache()
 
 constexpr qint64 maximumOffset = std::numeric_limits<qint64>::max();
 
-// A local file probed exactly as an object on a server is: served whole and by byte ranges on a loopback port for
-// the length of the probe, memory-mapped so that a large file is not read into memory. Nothing is cached.
-class LocalObject final {
-public:
-    explicit LocalObject(const QString &path)
-        : file(path)
-    {
-        if (!file.open(QIODevice::ReadOnly))
-            throw std::runtime_error(ToolMessages::localFileNotOpened.arg(path, file.errorString()).toStdString());
-        const uchar *mapped = file.size() > 0 ? file.map(0, file.size()) : nullptr;
-        const QByteArray content
-            = mapped ? QByteArray::fromRawData(reinterpret_cast<const char *>(mapped), file.size()) : QByteArray();
-        // A fixed name: the file's own may hold characters that the URL would have to escape.
-        const QString name = QStringLiteral("/local-object");
-        // An ETag from size and modification time, as file servers make them: a digest would read the whole file.
-        const QByteArray etag = '"' + QByteArray::number(QFileInfo(file).lastModified().toSecsSinceEpoch(), 16) + '-'
-            + QByteArray::number(file.size(), 16) + '"';
-        server.serveObject(name, content, QByteArrayLiteral("application/octet-stream"), etag);
-        if (!server.start())
-            throw std::runtime_error(ToolMessages::localServerNotStarted.arg(server.errorString()).toStdString());
-        servedUrl = server.url(name);
-    }
-
-    const QUrl &url() const { return servedUrl; }
-    /// The file's own URL, reported where the loopback URL would be.
-    QUrl fileUrl() const { return QUrl::fromLocalFile(QFileInfo(file).absoluteFilePath()); }
-
-private:
-    QFile file;
-    DemoServer server;
-    QUrl servedUrl;
-};
-
-// A location that is not an http(s) URL names a local file: a path or a file: URL.
+// A path or a file: URL names a local file; other schemes go to the library, which names the ones it refuses.
 bool isLocalFile(const QString &location)
 {
     const QUrl url = urlArgument(location);
-    return url.isLocalFile() || (url.scheme() != QLatin1String("http") && url.scheme() != QLatin1String("https"));
+    return url.isLocalFile() || url.scheme().isEmpty();
 }
 
 QString localPath(const QString &location)
@@ -291,102 +257,6 @@ int infoCommand(const Invocation &invocation, Console &console)
     if (!validate)
         return 0;
     return printLayoutVerdict(console.out, structure);
-}
-
-namespace {
-
-constexpr qint64 defaultChunkBytes = 8 * 1024 * 1024;
-
-CloudRangeRequest rangeRequestOf(const Invocation &invocation)
-{
-    CloudRangeRequest request;
-    request.url = httpUrlArgument(invocation.words.at(1), QStringLiteral("URL"), invocation.command);
-    request.offset = numberIn(invocation.words.at(2), QStringLiteral("OFFSET"), 0, maximumOffset, invocation.command);
-    request.length = numberIn(invocation.words.at(3), QStringLiteral("LENGTH"), 1, maximumOffset, invocation.command);
-    if (request.offset > maximumOffset - request.length)
-        throw UsageError(ToolMessages::rangeOverflows, invocation.command);
-    request.headers = invocation.global.headers;
-    request.useCache = !invocation.global.noCache;
-    return request;
-}
-
-// Where the bytes of a long read came from, for its closing line.
-QString sourcesOf(int chunks, int chunksFromCache)
-{
-    if (chunksFromCache == 0)
-        return QStringLiteral("from the network");
-    if (chunksFromCache == chunks)
-        return QStringLiteral("from the cache");
-    return QStringLiteral("%1 of %2 chunks from the cache").arg(chunksFromCache).arg(chunks);
-}
-
-// The range read chunk by chunk, each through the cache and written at once, so memory stays bounded by the chunk
-// size. The file appears only when every chunk has arrived.
-int readToFile(const HttpRangeReader &reader,
-    const CloudRangeRequest &request,
-    qint64 chunkBytes,
-    const QString &outputPath,
-    Console &console)
-{
-    QSaveFile file(outputPath);
-    if (!file.open(QIODevice::WriteOnly)) {
-        console.err << ToolMessages::outputNotWritten.arg(outputPath, file.errorString()) << '\n';
-        return 1;
-    }
-    ProgressBar bar(console.err, console.progressOnTerminal);
-    const qint64 chunks = (request.length - 1) / chunkBytes + 1;
-    int chunksFromCache = 0;
-    CloudRangeResponse response;
-    for (qint64 done = 0; done < request.length; done += response.data.size()) {
-        CloudRangeRequest chunk = request;
-        chunk.offset = request.offset + done;
-        chunk.length = qMin(chunkBytes, request.length - done);
-        response = reader.read(chunk);
-        chunksFromCache += response.fromCache ? 1 : 0;
-        if (file.write(response.data) != response.data.size()) {
-            console.err << ToolMessages::outputNotWritten.arg(outputPath, file.errorString()) << '\n';
-            return 1;
-        }
-        const qint64 completed = done + response.data.size();
-        const int percent = int(completed * 100 / request.length);
-        bar.show(percent, completed, request.length, QStringLiteral("reading"));
-        if (!console.progressOnTerminal && chunks > 1)
-            console.err << "read " << percent << "% (" << completed << " of " << request.length << " bytes)\n"
-                        << Qt::flush;
-    }
-    bar.finish();
-    if (!file.commit()) {
-        console.err << ToolMessages::outputNotWritten.arg(outputPath, file.errorString()) << '\n';
-        return 1;
-    }
-    console.err << "wrote " << request.length << " bytes to " << outputPath << " ("
-                << sourcesOf(int(chunks), chunksFromCache) << ", HTTP " << response.statusCode << ", object size "
-                << response.totalSize << ")\n";
-    return 0;
-}
-
-} // namespace
-
-int readCommand(const Invocation &invocation, Console &console)
-{
-    requireWords(invocation, 4);
-    const CloudRangeRequest request = rangeRequestOf(invocation);
-    const qint64 chunkBytes
-        = numberIn(invocation.value(QStringLiteral("chunk-size"), QString::number(defaultChunkBytes)),
-            QStringLiteral("--chunk-size"), 1, maximumOffset, invocation.command);
-    HttpRangeReader reader(makeCache(invocation.global));
-    reader.setTimeoutMilliseconds(invocation.global.timeoutMilliseconds);
-
-    // --output, when given, wins over -o wherever each stands.
-    const QString outputPath = invocation.value(QStringLiteral("output"), invocation.value(QStringLiteral("o")));
-    if (!outputPath.isEmpty() && outputPath != QLatin1String("-"))
-        return readToFile(reader, request, chunkBytes, outputPath, console);
-    const CloudRangeResponse response = reader.read(request);
-    console.out.flush();
-    QFile standardOutput;
-    standardOutput.open(stdout, QIODevice::WriteOnly);
-    standardOutput.write(response.data);
-    return 0;
 }
 
 int viewportCommand(const Invocation &invocation, Console &console)
