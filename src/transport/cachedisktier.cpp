@@ -24,7 +24,6 @@ namespace Norvane::Cloud {
 
 namespace {
 
-constexpr QFileDevice::Permissions privateFilePermissions = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
 constexpr QFileDevice::Permissions privateFolderPermissions
     = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
 
@@ -195,7 +194,8 @@ bool CacheDiskTier::write(const QString &key, const CloudRangeResponse &response
     const qint64 previousSize = regularFileSize(path);
 
     // Written beside the entry, then renamed over its name: a rename replaces a link planted under the name, where
-    // QSaveFile would write to the link's target. The temporary name is not an entry name, and is private to the user.
+    // QSaveFile would write to the link's target. The temporary name is not an entry name, and QTemporaryFile makes it
+    // private to the user (0600), whatever the umask or the permissions of a replaced entry.
     QTemporaryFile file(folderPrefix + QStringLiteral("XXXXXX.part"));
     if (!file.open())
         return false;
