@@ -1,5 +1,9 @@
 #include "transport/cachedfetch.h"
 
+#include <QElapsedTimer>
+
+#include <algorithm>
+
 namespace Norvane::Cloud {
 
 namespace {
@@ -38,8 +42,15 @@ bool lookUp(CloudRangeCache &cache,
     const auto find
         = [&](bool countMiss) { return cache.find(key, expectation.offset, expectation.size, countMiss, response); };
     bool hit = find(true);
-    while (!hit && claimKey) {
-        switch (cache.beginFetch(key, expectation.cancellationRequested, expectation.timeoutMilliseconds)) {
+    if (hit || !claimKey)
+        return hit;
+    // One time-out for all the waits: each fetch awaited may fail, and the next waiter's fetch be awaited in turn.
+    QElapsedTimer waiting;
+    waiting.start();
+    while (!hit) {
+        const int limit = expectation.timeoutMilliseconds;
+        const int remaining = limit > 0 ? int(std::max<qint64>(1, limit - waiting.elapsed())) : 0;
+        switch (cache.beginFetch(key, expectation.cancellationRequested, remaining)) {
         case CloudRangeCache::FetchTurn::Claimed:
             claim.claim(cache, key);
             // The read that owned the key before may have stored it between our miss and our claim; this look
