@@ -17,6 +17,7 @@
 #include <norvanecloud/stac.h>
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
@@ -209,8 +210,12 @@ void cacheDiskEntry(const QByteArray &input)
             fail("entry file could not be written");
     }
     std::optional<CacheDiskEntry> decoded = decodeCacheDiskEntry(input);
-    // The cache never stores an empty range, so it treats an entry that decodes to one as damaged.
-    if (decoded && decoded->response.data.isEmpty())
+    // The cache never stores an empty range, so it treats an entry that decodes to one as damaged; and one stored more
+    // than a minute ahead of now.
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    if (decoded
+        && (decoded->response.data.isEmpty()
+            || (decoded->storedAtMilliseconds > now && decoded->storedAtMilliseconds - now > 60000)))
         decoded.reset();
 
     CloudCacheOptions options;

@@ -98,6 +98,15 @@ struct NORVANECLOUD_EXPORT CloudCacheStatistics {
 ///
 /// Thread-safe: one mutex guards every operation, disk work included. The disk tier never throws; a folder or
 /// file that cannot be used degrades to "not stored" or "not found".
+///
+/// The folder rules: the disk tier is used only when its folder (created private to the user when missing) is a
+/// folder that the user owns and that neither group nor others may write; otherwise the cache keeps entries in
+/// memory only. Only files named as a key's entry (64 lower-case hexadecimal digits and ".nvc") belong to the
+/// tier: other files are never measured, trimmed or cleared. An entry is a regular file reached without a symbolic
+/// link; anything else under an entry name (a link, a FIFO, a device, a folder) is a damaged entry, like a corrupt
+/// file, an entry stored more than a minute in the future or one that does not hold the range asked for: it is
+/// deleted where possible and missed. A store writes a new file beside the entry and renames it over the name, so
+/// it never writes through a link.
 class NORVANECLOUD_EXPORT CloudRangeCache final {
 public:
     /// Validates the limits, resolves and creates the folder, measures the entry files there and trims them to
@@ -125,14 +134,30 @@ public:
     // The library's own readers share one fetch per key and count their transfers with these; they are not
     // exported, so a host never calls them.
 
-    /// False: the caller now owns the fetch of key and must call finishFetch. True: another thread was fetching it
-    /// and this call waited until that fetch ended, without claiming the key; look in the cache again.
-    NORVANECLOUD_NO_EXPORT bool beginFetch(const QString &key);
+    /// Like get, for the library's readers: a hit whose offset or data size differs from the range asked for
+    /// (expectedSize -1: any hit holds) is a damaged entry, dropped from both tiers and missed. With countMiss false
+    /// a miss counts nothing, so a reader can look again after claiming a key without a second miss. On a miss
+    /// response may have changed.
+    NORVANECLOUD_NO_EXPORT bool find(
+        const QString &key, qint64 expectedOffset, qint64 expectedSize, bool countMiss, CloudRangeResponse &response);
+
+    /// How beginFetch ended.
+    enum class FetchTurn {
+        /// The caller now owns the fetch of key and must call finishFetch.
+        Claimed,
+        /// Another thread's fetch of key ended while the caller waited; nothing is claimed: look in the cache again.
+        Waited,
+        /// The calling thread itself owns the fetch of key (a slot run by the nested event loop of that fetch):
+        /// nothing is claimed and nothing awaited; fetch without claiming.
+        OwnedByThisThread,
+    };
+    /// Claims key, or waits for another thread's fetch of it. While waiting, cancellationRequested (when set) is
+    /// tested at least every 25 ms and timeoutMilliseconds (0: no limit) bounds the wait; they end it by throwing
+    /// std::runtime_error "HTTP request cancelled" or "HTTP request timed out".
+    NORVANECLOUD_NO_EXPORT FetchTurn beginFetch(
+        const QString &key, const std::function<bool()> &cancellationRequested, int timeoutMilliseconds);
     /// Ends the caller's fetch of key and wakes every waiter, of any key, to look again.
     NORVANECLOUD_NO_EXPORT void finishFetch(const QString &key);
-    /// True when memory holds an unexpired entry for key or its entry file exists. Counts and changes nothing, so
-    /// a reader can look again after claiming a key without adding a miss to the statistics.
-    NORVANECLOUD_NO_EXPORT bool holds(const QString &key) const;
     NORVANECLOUD_NO_EXPORT void recordCacheTransfer(qint64 bytes);
     NORVANECLOUD_NO_EXPORT void recordNetworkTransfer(qint64 bytes);
 

@@ -1,5 +1,9 @@
 #include "transport/cachedfetch.h"
 
+#include <QElapsedTimer>
+
+#include <algorithm>
+
 namespace Norvane::Cloud {
 
 namespace {
@@ -26,18 +30,38 @@ private:
     QString key;
 };
 
-// A hit, or a miss whose key the caller now owns (or, with claiming off, simply a miss).
-bool lookUp(CloudRangeCache &cache, const QString &key, bool claimKey, FetchClaim &claim, CloudRangeResponse &response)
+// A hit, or a miss whose key the caller now owns (or, with claiming off or re-entered on the owning thread, simply a
+// miss).
+bool lookUp(CloudRangeCache &cache,
+    const QString &key,
+    bool claimKey,
+    const CachedFetchExpectation &expectation,
+    FetchClaim &claim,
+    CloudRangeResponse &response)
 {
-    bool hit = cache.get(key, response);
-    while (!hit && claimKey) {
-        if (!cache.beginFetch(key)) {
+    const auto find
+        = [&](bool countMiss) { return cache.find(key, expectation.offset, expectation.size, countMiss, response); };
+    bool hit = find(true);
+    if (hit || !claimKey)
+        return hit;
+    // One time-out for all the waits: each fetch awaited may fail, and the next waiter's fetch be awaited in turn.
+    QElapsedTimer waiting;
+    waiting.start();
+    while (!hit) {
+        const int limit = expectation.timeoutMilliseconds;
+        const int remaining = limit > 0 ? int(std::max<qint64>(1, limit - waiting.elapsed())) : 0;
+        switch (cache.beginFetch(key, expectation.cancellationRequested, remaining)) {
+        case CloudRangeCache::FetchTurn::Claimed:
             claim.claim(cache, key);
-            // The read that owned the key before may have stored it between our miss and our claim; looking only
-            // when something is there keeps the statistics of an ordinary miss as they are.
-            return cache.holds(key) && cache.get(key, response);
+            // The read that owned the key before may have stored it between our miss and our claim; this look
+            // counts no miss, so the statistics of an ordinary miss stay as they are.
+            return find(false);
+        case CloudRangeCache::FetchTurn::OwnedByThisThread:
+            return false;
+        case CloudRangeCache::FetchTurn::Waited:
+            hit = find(true);
+            break;
         }
-        hit = cache.get(key, response);
     }
     return hit;
 }
@@ -48,12 +72,13 @@ CloudRangeResponse readThroughCache(CloudRangeCache *cache,
     const QString &key,
     const CachedFetchRules &rules,
     const std::function<CloudRangeResponse()> &fetch,
-    const std::function<void(CloudRangeResponse &)> &accept)
+    const std::function<void(CloudRangeResponse &)> &accept,
+    const CachedFetchExpectation &expectation)
 {
     const bool lookUpAndStore = cache && rules.lookUpAndStore;
     FetchClaim claim;
     CloudRangeResponse response;
-    if (lookUpAndStore && lookUp(*cache, key, rules.claimKey, claim, response)) {
+    if (lookUpAndStore && lookUp(*cache, key, rules.claimKey, expectation, claim, response)) {
         if (rules.countTransfers)
             cache->recordCacheTransfer(response.data.size());
         return response;

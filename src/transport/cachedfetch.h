@@ -22,14 +22,28 @@ struct CachedFetchRules {
     bool countTransfers = false;
 };
 
+/// What a read asks of the cache beyond the key: the range every hit must hold, and the bounds of a wait for another
+/// thread's fetch of the key (with claimKey).
+struct CachedFetchExpectation {
+    qint64 offset = 0;
+    /// The data size of a hit; -1 accepts any hit.
+    qint64 size = -1;
+    /// Tested at least every 25 ms while waiting; true ends the wait with "HTTP request cancelled".
+    std::function<bool()> cancellationRequested;
+    /// The longest wait, ended by "HTTP request timed out"; 0 waits without limit.
+    int timeoutMilliseconds = 0;
+};
+
 /// The response for key: from cache (fromCache set, as the cache returns it) or from fetch, which runs on a miss.
 /// accept, when given, checks a fetched response before it is stored, may trim it and throws to refuse it. With
 /// no cache nothing is looked up, stored or counted. Exceptions of fetch and accept pass through; nothing is stored
-/// then.
+/// then. A hit that does not hold the range of expectation is damaged: dropped, and fetched instead. A read on the
+/// thread that owns the key's fetch (re-entered from that fetch's event loop) fetches without claiming.
 CloudRangeResponse readThroughCache(CloudRangeCache *cache,
     const QString &key,
     const CachedFetchRules &rules,
     const std::function<CloudRangeResponse()> &fetch,
-    const std::function<void(CloudRangeResponse &)> &accept = {});
+    const std::function<void(CloudRangeResponse &)> &accept = {},
+    const CachedFetchExpectation &expectation = {});
 
 } // namespace Norvane::Cloud

@@ -7,18 +7,23 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 #include <QStandardPaths>
 #include <QStringList>
+#include <QTemporaryFile>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace Norvane::Cloud {
 
 namespace {
 
-constexpr QFileDevice::Permissions privateFilePermissions = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
 constexpr QFileDevice::Permissions privateFolderPermissions
     = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
 
@@ -51,6 +56,54 @@ const QStringList &entryFilePatterns()
 
 constexpr QDir::Filters entryFileFilters = QDir::Files | QDir::Hidden | QDir::NoSymLinks;
 
+// Other programs' files may end in ".nvc" too: only a key's entry name belongs to the tier.
+bool isEntryFileName(const QString &name)
+{
+    constexpr int digits = 64;
+    if (name.size() != digits + 4 || !name.endsWith(QLatin1String(".nvc")))
+        return false;
+    return std::all_of(name.cbegin(), name.cbegin() + digits,
+        [](QChar c) { return (c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f'); });
+}
+
+// Another user who owns the folder, or may write into it, could plant entries or links under entry names.
+bool isPrivateFolder(const QString &folder)
+{
+    struct stat status { };
+    return ::stat(QFile::encodeName(folder).constData(), &status) == 0 && S_ISDIR(status.st_mode)
+        && status.st_uid == ::geteuid() && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// The size of the regular file at path itself (a link is not followed); 0 for anything else.
+qint64 regularFileSize(const QString &path)
+{
+    struct stat status { };
+    if (::lstat(QFile::encodeName(path).constData(), &status) != 0 || !S_ISREG(status.st_mode))
+        return 0;
+    return status.st_size;
+}
+
+enum class EntryOpening { Opened, Missing, Damaged };
+
+// Opens an entry file for reading only when it is a regular file reached without a symbolic link. O_NONBLOCK keeps a
+// FIFO from blocking the open; fstat then tells it, a device or a folder from an entry.
+EntryOpening openEntryFile(const QString &path, QFile &file)
+{
+    const int descriptor = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0)
+        return errno == ELOOP ? EntryOpening::Damaged : EntryOpening::Missing;
+    struct stat status { };
+    if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) {
+        ::close(descriptor);
+        return EntryOpening::Damaged;
+    }
+    if (!file.open(descriptor, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+        ::close(descriptor);
+        return EntryOpening::Missing;
+    }
+    return EntryOpening::Opened;
+}
+
 } // namespace
 
 std::vector<CacheDiskTier::EntryFile> CacheDiskTier::listEntryFiles(const QString &folder)
@@ -60,6 +113,8 @@ std::vector<CacheDiskTier::EntryFile> CacheDiskTier::listEntryFiles(const QStrin
     while (iterator.hasNext()) {
         iterator.next();
         const QFileInfo info = iterator.fileInfo();
+        if (!isEntryFileName(info.fileName()))
+            continue;
         files.push_back({ info.filePath(), info.fileName(), info.size(), info.lastModified().toMSecsSinceEpoch() });
     }
     return files;
@@ -85,6 +140,9 @@ CacheDiskTier::CacheDiskTier(const CloudCacheOptions &options)
     if (!enabled)
         return;
     makePrivatePath(folder);
+    enabled = isPrivateFolder(folder);
+    if (!enabled)
+        return;
     // One listing serves both the measurement and, when the folder is over its limit, the trim.
     std::vector<EntryFile> files = listEntryFiles(folder);
     for (const EntryFile &file : files)
@@ -97,13 +155,21 @@ std::optional<CacheDiskEntry> CacheDiskTier::read(const QString &key, qint64 now
 {
     if (!enabled)
         return std::nullopt;
-    QFile file(pathOf(key));
-    if (!file.open(QIODevice::ReadOnly))
+    const QString path = pathOf(key);
+    QFile file;
+    const EntryOpening opening = openEntryFile(path, file);
+    if (opening == EntryOpening::Missing)
         return std::nullopt;
+    if (opening == EntryOpening::Damaged) {
+        // Never measured, so nothing to take off the account; a folder under the name stays.
+        QFile::remove(path);
+        return std::nullopt;
+    }
     std::optional<CacheDiskEntry> decoded = readCacheDiskEntry(file);
     // The cache never stores an empty range: an entry that decodes to one is the header of a file whose rest reads as
     // zeros (a read racing an in-place rewrite by another program, or blocks lost in a crash).
     if (decoded && !decoded->response.data.isEmpty()
+        && !isCacheStoreTimeAhead(decoded->storedAtMilliseconds, nowMilliseconds)
         && !isCacheEntryExpired(decoded->storedAtMilliseconds, nowMilliseconds, maximumAgeSeconds)) {
         // The modification time is the entry's recency for the trim; failing to set it only makes the entry older.
         file.setFileTime(QDateTime::currentDateTimeUtc(), QFileDevice::FileModificationTime);
@@ -111,38 +177,37 @@ std::optional<CacheDiskEntry> CacheDiskTier::read(const QString &key, qint64 now
     }
     const qint64 size = file.size();
     file.close();
-    if (file.remove())
+    if (QFile::remove(path))
         accountedBytes -= size;
     return std::nullopt;
-}
-
-bool CacheDiskTier::holds(const QString &key) const
-{
-    return enabled && QFileInfo::exists(pathOf(key));
 }
 
 bool CacheDiskTier::write(const QString &key, const CloudRangeResponse &response, qint64 storedAtMilliseconds)
 {
     if (!stores())
         return false;
-    // The folder may have been removed while the cache ran.
+    // The folder may have been removed while the cache ran, and made again by someone else.
     makePrivatePath(folder);
-    const QString path = pathOf(key);
-    const QFileInfo previous(path);
-    const qint64 previousSize = previous.isFile() ? previous.size() : 0;
-
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
+    if (!isPrivateFolder(folder))
         return false;
-    // A new file would get the umask's permissions, a replaced one those of its predecessor.
-    file.setPermissions(privateFilePermissions);
-    // QSaveFile::commit does not notice when flushing its buffer fails (a full disk, a file size limit) and would
-    // put the cut file in place of the entry; flushing first finds out, and the discarded save file changes nothing.
+    const QString path = pathOf(key);
+    const qint64 previousSize = regularFileSize(path);
+
+    // Written beside the entry, then renamed over its name: a rename replaces a link planted under the name, where
+    // QSaveFile would write to the link's target. The temporary name is not an entry name, and QTemporaryFile makes it
+    // private to the user (0600), whatever the umask or the permissions of a replaced entry.
+    QTemporaryFile file(folderPrefix + QStringLiteral("XXXXXX.part"));
+    if (!file.open())
+        return false;
+    // Flushing finds out when the disk is full or a file size limit hit; the temporary file then goes.
     if (!writeCacheDiskEntry(file, response, storedAtMilliseconds) || !file.flush())
         return false;
+    // As QSaveFile did: the entry is on disk before its name points at it; a failure here changes nothing.
+    ::fsync(file.handle());
     const qint64 size = file.size();
-    if (!file.commit())
+    if (std::rename(QFile::encodeName(file.fileName()).constData(), QFile::encodeName(path).constData()) != 0)
         return false;
+    file.setAutoRemove(false);
     accountedBytes += size - previousSize;
     trim();
     return true;
@@ -151,10 +216,7 @@ bool CacheDiskTier::write(const QString &key, const CloudRangeResponse &response
 void CacheDiskTier::remove(const QString &key)
 {
     const QString path = pathOf(key);
-    const QFileInfo info(path);
-    if (!info.exists())
-        return;
-    const qint64 size = info.size();
+    const qint64 size = regularFileSize(path);
     if (QFile::remove(path))
         accountedBytes -= size;
 }
@@ -163,8 +225,11 @@ void CacheDiskTier::clear()
 {
     if (enabled) {
         QDirIterator iterator(folder, entryFilePatterns(), entryFileFilters);
-        while (iterator.hasNext())
-            QFile::remove(iterator.next());
+        while (iterator.hasNext()) {
+            const QString path = iterator.next();
+            if (isEntryFileName(iterator.fileName()))
+                QFile::remove(path);
+        }
     }
     accountedBytes = 0;
     candidates.clear();

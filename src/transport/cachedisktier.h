@@ -23,16 +23,17 @@ public:
     static QString resolveFolder(const QString &directory);
 
     /// Takes the folder (already resolved) and the limits and switches of options. When the tier is enabled, creates
-    /// the folder, measures the entry files already there and trims them to the limit.
+    /// the folder, measures the entry files already there and trims them to the limit. A folder that is not the
+    /// user's own, or that group or others may write, disables the tier.
     explicit CacheDiskTier(const CloudCacheOptions &options);
 
-    /// The stored entry of key. An entry that is corrupt, empty or expired is deleted and misses; a served entry's
-    /// file becomes the most recent. A disabled tier always misses.
+    /// The stored entry of key. An entry that is corrupt, empty, expired or stored more than a minute ahead, or that
+    /// is not a regular file reached without a link, is deleted and misses; a served entry's file becomes the most
+    /// recent. A disabled tier always misses.
     std::optional<CacheDiskEntry> read(const QString &key, qint64 nowMilliseconds);
-    /// Whether the key's entry file exists, without reading it. A disabled tier holds nothing.
-    bool holds(const QString &key) const;
-    /// Writes the key's entry file atomically, then trims the folder to the limit. False when nothing was stored:
-    /// the tier is disabled, its limit is below 1, or the file could not be written.
+    /// Writes the key's entry file atomically, never through a link, then trims the folder to the limit. False when
+    /// nothing was stored: the tier is disabled, its limit is below 1, the folder is not private any more or the
+    /// file could not be written.
     bool write(const QString &key, const CloudRangeResponse &response, qint64 storedAtMilliseconds);
     /// Deletes the key's entry file, whether or not the tier is enabled.
     void remove(const QString &key);

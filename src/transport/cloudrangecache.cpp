@@ -5,12 +5,14 @@
 #include "transport/transportmessages.h"
 
 #include <QDateTime>
-#include <QSet>
+#include <QHash>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace Norvane::Cloud {
@@ -29,6 +31,14 @@ CloudCacheOptions validated(CloudCacheOptions options)
         throw std::invalid_argument(TransportMessages::cacheLimitsNegative);
     options.directory = CacheDiskTier::resolveFolder(options.directory);
     return options;
+}
+
+// How often a read waiting for another thread's fetch tests its cancellation.
+constexpr std::chrono::milliseconds cancellationPollInterval(25);
+
+bool matchesRange(const CloudRangeResponse &response, qint64 expectedOffset, qint64 expectedSize)
+{
+    return expectedSize < 0 || (response.offset == expectedOffset && response.data.size() == expectedSize);
 }
 
 } // namespace
@@ -50,9 +60,38 @@ public:
     CacheMemoryTier memory;
     CacheDiskTier disk;
     std::condition_variable fetchFinished;
-    QSet<QString> inFlight;
+    // Each claimed key with the thread that owns its fetch.
+    QHash<QString, std::thread::id> inFlight;
     // The tiers count their evictions and hold their levels; these are the other counters.
     CloudCacheStatistics statistics;
+
+    // A hit (counted) or false; a miss counts nothing and may leave response changed. A hit that does not hold the
+    // range asked for is a damaged entry: it is dropped from both tiers, so the network replaces it.
+    bool lookUp(const QString &key, qint64 expectedOffset, qint64 expectedSize, CloudRangeResponse &response)
+    {
+        const qint64 now = currentMilliseconds();
+        if (memory.read(key, now, response)) {
+            if (matchesRange(response, expectedOffset, expectedSize)) {
+                ++statistics.memoryHits;
+                return true;
+            }
+            memory.remove(key);
+            disk.remove(key);
+            return false;
+        }
+        std::optional<CacheDiskEntry> entry = disk.read(key, now);
+        if (!entry)
+            return false;
+        if (!matchesRange(entry->response, expectedOffset, expectedSize)) {
+            disk.remove(key);
+            return false;
+        }
+        ++statistics.diskHits;
+        memory.write(key, entry->response, entry->storedAtMilliseconds);
+        response = std::move(entry->response);
+        response.fromCache = true;
+        return true;
+    }
 };
 
 CloudRangeCache::CloudRangeCache(CloudCacheOptions options)
@@ -70,18 +109,21 @@ const CloudCacheOptions &CloudRangeCache::options() const
 bool CloudRangeCache::get(const QString &key, CloudRangeResponse &response)
 {
     const std::lock_guard locker(d->mutex);
-    if (d->memory.read(key, currentMilliseconds(), response)) {
-        ++d->statistics.memoryHits;
+    // With no range expected every hit holds, so a miss leaves response untouched.
+    if (d->lookUp(key, 0, -1, response))
         return true;
-    }
-    if (std::optional<CacheDiskEntry> entry = d->disk.read(key, currentMilliseconds())) {
-        ++d->statistics.diskHits;
-        d->memory.write(key, entry->response, entry->storedAtMilliseconds);
-        response = std::move(entry->response);
-        response.fromCache = true;
-        return true;
-    }
     ++d->statistics.misses;
+    return false;
+}
+
+bool CloudRangeCache::find(
+    const QString &key, qint64 expectedOffset, qint64 expectedSize, bool countMiss, CloudRangeResponse &response)
+{
+    const std::lock_guard locker(d->mutex);
+    if (d->lookUp(key, expectedOffset, expectedSize, response))
+        return true;
+    if (countMiss)
+        ++d->statistics.misses;
     return false;
 }
 
@@ -121,15 +163,36 @@ CloudCacheStatistics CloudRangeCache::statistics() const
     return snapshot;
 }
 
-bool CloudRangeCache::beginFetch(const QString &key)
+CloudRangeCache::FetchTurn CloudRangeCache::beginFetch(
+    const QString &key, const std::function<bool()> &cancellationRequested, int timeoutMilliseconds)
 {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMilliseconds);
     std::unique_lock locker(d->mutex);
-    if (!d->inFlight.contains(key)) {
-        d->inFlight.insert(key);
-        return false;
+    const std::thread::id self = std::this_thread::get_id();
+    const auto owner = d->inFlight.constFind(key);
+    if (owner == d->inFlight.constEnd()) {
+        d->inFlight.insert(key, self);
+        return FetchTurn::Claimed;
     }
-    d->fetchFinished.wait(locker, [&] { return !d->inFlight.contains(key); });
-    return true;
+    // A slot run by the nested event loop of this thread's own fetch: waiting would wait for itself.
+    if (*owner == self)
+        return FetchTurn::OwnedByThisThread;
+    while (d->inFlight.contains(key)) {
+        // Tested without the mutex held: the test is the host's code and may take its time or use the cache.
+        locker.unlock();
+        const bool cancelled = cancellationRequested && cancellationRequested();
+        locker.lock();
+        if (cancelled)
+            throw std::runtime_error(TransportMessages::requestCancelled);
+        if (timeoutMilliseconds > 0 && Clock::now() >= deadline)
+            throw std::runtime_error(TransportMessages::requestTimedOut);
+        Clock::time_point wakeUp = Clock::now() + cancellationPollInterval;
+        if (timeoutMilliseconds > 0)
+            wakeUp = std::min(wakeUp, deadline);
+        d->fetchFinished.wait_until(locker, wakeUp, [&] { return !d->inFlight.contains(key); });
+    }
+    return FetchTurn::Waited;
 }
 
 void CloudRangeCache::finishFetch(const QString &key)
@@ -137,12 +200,6 @@ void CloudRangeCache::finishFetch(const QString &key)
     const std::lock_guard locker(d->mutex);
     d->inFlight.remove(key);
     d->fetchFinished.notify_all();
-}
-
-bool CloudRangeCache::holds(const QString &key) const
-{
-    const std::lock_guard locker(d->mutex);
-    return d->memory.holds(key, currentMilliseconds()) || d->disk.holds(key);
 }
 
 void CloudRangeCache::recordCacheTransfer(qint64 bytes)

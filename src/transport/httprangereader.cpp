@@ -249,9 +249,13 @@ CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
     // download, and counts what it serves and what it downloads.
     RangeDownload range(request, d->timeoutMilliseconds, d->userAgent);
     const CachedFetchRules rules { request.useCache, true, true };
+    // A hit must hold the range; waiting for another thread's download of it is cancellable and bounded.
+    const CachedFetchExpectation expectation { request.offset, request.length,
+        [&request] { return isCancelled(request); }, d->timeoutMilliseconds };
     CloudRangeResponse response = readThroughCache(
         cache.get(), rangeCacheKey(encodedUrl, request.offset, request.length, request.headers), rules,
-        [&range] { return range.download(); }, [&range](CloudRangeResponse &fetched) { range.verify(fetched); });
+        [&range] { return range.download(); }, [&range](CloudRangeResponse &fetched) { range.verify(fetched); },
+        expectation);
 
     const FixedTexts &texts = fixedTexts();
     const bool hit = response.fromCache;

@@ -12,6 +12,9 @@
 
 #include <future>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 // Records are built from their leading fields; the others keep their defaults.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
@@ -377,6 +380,7 @@ private slots:
         const QByteArray good = entryBytes(now);
         QTest::newRow("age limit 0, stored long ago") << entryBytes(1) << qint64(0) << true;
         QTest::newRow("expired") << entryBytes(now - 3601000) << qint64(3600) << false;
+        QTest::newRow("stored two minutes ahead") << entryBytes(now + 120000) << qint64(0) << false;
         QTest::newRow("truncated") << good.left(good.size() - 1) << qint64(3600) << false;
         QTest::newRow("wrong version") << QByteArray(good).replace(7, 1, "\2") << qint64(3600) << false;
         QTest::newRow("zero-filled after the header") << good.left(16) + QByteArray(80, '\0') << qint64(3600) << false;
@@ -432,6 +436,131 @@ private slots:
         QCOMPARE(cache->statistics().networkRequests, 8);
         QVERIFY(nginx.waitForAccessLogEntries(8));
         QCOMPARE(nginx.accessLog().size(), 8);
+    }
+
+    // Hostile folders and re-entrant hosts. planted: what lies under the entry name of the read's key beforehand; a
+    // link points at an outside file holding a valid entry for the read. A planted folder stays, unreadable: the look
+    // after claiming the key counts no second miss.
+    void plantedEntryNameGoesToTheNetwork_data()
+    {
+        QTest::addColumn<QString>("planted");
+        for (const char *planted : { "link", "FIFO", "folder" })
+            QTest::newRow(planted) << QString::fromLatin1(planted);
+    }
+    void plantedEntryNameGoesToTheNetwork()
+    {
+        QFETCH(QString, planted);
+        FaultServer server([](const FaultRequest &request) { return objectReply(request, object); });
+        const CloudRangeRequest request { server.url("/o"), 5, 3 };
+        const QByteArray key = HttpRangeReader::cacheKey(request).toUtf8();
+        const QByteArray entry = QFile::encodeName(dir(
+            QStringLiteral("reader/") + QCryptographicHash::hash(key, QCryptographicHash::Sha256).toHex() + ".nvc"));
+        const QByteArray outside = QFile::encodeName(dir(QStringLiteral("outside")));
+        QVERIFY(writeFile(outside, entryBytes(QDateTime::currentMSecsSinceEpoch())));
+        QCOMPARE(planted == u"link"  ? symlink(outside, entry)
+                : planted == u"FIFO" ? mkfifo(entry, 0600)
+                                     : mkdir(entry, 0700),
+            0);
+        const CloudRangeResponse response = reader->read(request);
+        const QList<qint64> statistics = counters(cache->statistics());
+        QCOMPARE(QList<qint64>({ response.fromCache, statistics[2], statistics[6], statistics[7] }),
+            QList<qint64>({ false, 1, planted == u"folder" ? 0 : 56, 1 }));
+        QCOMPARE(response.data, object.mid(5, 3));
+    }
+
+    void storeReplacesALinkInsteadOfWritingThroughIt()
+    {
+        const QByteArray outside = QFile::encodeName(dir(QStringLiteral("outside")));
+        QVERIFY(writeFile(outside, "settings") && symlink(outside, QFile::encodeName(dir(entryFileOfK))) == 0);
+        makeCache(dir())->put(QStringLiteral("k"), diskResponse("abc"));
+        QCOMPARE(readFile(outside) + char('0' + QFileInfo(dir(entryFileOfK)).isSymLink()), QByteArray("settings0"));
+    }
+
+    void folderOpenToOthersKeepsEntriesInMemory()
+    {
+        const QString open = dir(QStringLiteral("open"));
+        QVERIFY(QDir().mkdir(open) && chmod(QFile::encodeName(open), 0777) == 0);
+        const auto tiers = makeCache(open);
+        tiers->put(QStringLiteral("k"), diskResponse("abc"));
+        CloudRangeResponse response;
+        QVERIFY(tiers->get(QStringLiteral("k"), response) && QDir(open).isEmpty());
+    }
+
+    void onlyKeyNamedFilesBelongToTheDiskTier()
+    {
+        // Over the limit if it were measured, so a trim at construction would delete it.
+        const QString photos = dir(QStringLiteral("holiday-photos.nvc"));
+        QVERIFY(writeFile(photos, "pp", QDateTime::currentDateTime().addDays(-9)));
+        const auto tiers = makeCache(dir(), 0, 1);
+        QCOMPARE(readFile(photos) + char('0' + tiers->statistics().diskBytes), QByteArray("pp0"));
+        tiers->clear();
+        QCOMPARE(readFile(photos), QByteArray("pp"));
+    }
+
+    // offset, size: of the response stored under the key of a 16-byte read at offset 10.
+    void hitNotHoldingTheRangeGoesToTheNetwork_data()
+    {
+        QTest::addColumn<qint64>("offset");
+        QTest::addColumn<int>("size");
+        QTest::addColumn<qint64>("memory");
+        QTest::newRow("5 bytes") << qint64(10) << 5 << qint64(1 << 20);
+        QTest::newRow("100000 bytes, on disk") << qint64(10) << 100000 << qint64(0);
+        QTest::newRow("other offset") << qint64(7) << 16 << qint64(1 << 20);
+    }
+    void hitNotHoldingTheRangeGoesToTheNetwork()
+    {
+        QFETCH(qint64, offset);
+        QFETCH(int, size);
+        QFETCH(qint64, memory);
+        FaultServer server([](const FaultRequest &request) { return objectReply(request, object); });
+        const CloudRangeRequest request { server.url("/o"), 10, 16 };
+        reader->setCache(makeCache(dir(QStringLiteral("damaged")), memory));
+        reader->cache()->put(HttpRangeReader::cacheKey(request), { QByteArray(size, 'x'), offset, 1000, 206 });
+        const CloudRangeResponse response = reader->read(request);
+        QCOMPARE(response.data + char('0' + response.fromCache), object.mid(10, 16) + '0');
+    }
+
+    void reentrantReadOfTheSameKeyFetchesItself()
+    {
+        FaultServer server([](const FaultRequest &request) { return objectReply(request, object); });
+        const CloudRangeRequest request { server.url("/o"), 10, 16 };
+        // Runs in the nested event loop of the read below, which owns the key's fetch.
+        QByteArray nested;
+        QTimer::singleShot(0, [&] { nested = reader->read(request).data; });
+        const QByteArray outer = reader->read(request).data;
+        QCOMPARE(outer + nested + char(server.requestCount()), object.mid(10, 16).repeated(2) + '\2');
+    }
+
+    // A read waiting for another thread's stalled download of its key: cancelled at its third test (the first is
+    // before the read starts), or with a short time-out. It never downloads itself.
+    void waitForAnotherThreadsFetchEnds_data()
+    {
+        QTest::addColumn<bool>("cancel");
+        QTest::addColumn<QString>("failure");
+        QTest::newRow("cancelled") << true << QStringLiteral("HTTP request cancelled");
+        QTest::newRow("timed out") << false << QStringLiteral("HTTP request timed out");
+    }
+    void waitForAnotherThreadsFetchEnds()
+    {
+        QFETCH(bool, cancel);
+        QFETCH(QString, failure);
+        std::promise<void> claimed;
+        std::atomic<bool> first { true }, stopOwner { false };
+        FaultServer server([&](const FaultRequest &) {
+            if (first.exchange(false))
+                claimed.set_value();
+            return FaultReply { {}, 0, 0, true };
+        });
+        CloudRangeRequest ownerRequest { server.url("/o"), 0, 100 }, request = ownerRequest;
+        ownerRequest.cancellationRequested = [&] { return stopOwner.load(); };
+        auto owner = std::async(std::launch::async, [&] { return failureOf([&] { reader->read(ownerRequest); }); });
+        claimed.get_future().wait();
+        HttpRangeReader waiting(cache);
+        waiting.setTimeoutMilliseconds(cancel ? 30000 : 200);
+        request.cancellationRequested = [calls = 0, cancel]() mutable { return cancel && ++calls > 2; };
+        QCOMPARE(failureOf([&] { waiting.read(request); }) + char('0' + server.requestCount()), failure + '1');
+        stopOwner = true;
+        QCOMPARE(owner.get(), QStringLiteral("HTTP request cancelled"));
     }
 };
 
