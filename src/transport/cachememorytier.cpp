@@ -85,15 +85,6 @@ bool CacheMemoryTier::read(const QString &key, qint64 nowMilliseconds, CloudRang
     return true;
 }
 
-bool CacheMemoryTier::holds(const QString &key, qint64 nowMilliseconds) const
-{
-    if (!enabled)
-        return false;
-    const auto position = entries.constFind(keyOf(key));
-    return position != entries.constEnd()
-        && !isCacheEntryExpired(position->storedAtMilliseconds, nowMilliseconds, maximumAgeSeconds);
-}
-
 bool CacheMemoryTier::write(const QString &key, const CloudRangeResponse &response, qint64 storedAtMilliseconds)
 {
     if (!enabled || maximumBytes < 1)

@@ -22,8 +22,6 @@ public:
     /// On a hit, response becomes the stored one with fromCache set and the entry the most recent. An expired
     /// entry is dropped and misses; a disabled tier always misses.
     bool read(const QString &key, qint64 nowMilliseconds, CloudRangeResponse &response);
-    /// Whether read would hit, without counting, dropping or changing recency.
-    bool holds(const QString &key, qint64 nowMilliseconds) const;
     /// Stores (or replaces) the entry as the most recent, then drops the least recent ones until the tier is within
     /// its limit, possibly this one. False when the tier stores nothing: disabled, or a limit below 1.
     bool write(const QString &key, const CloudRangeResponse &response, qint64 storedAtMilliseconds);
