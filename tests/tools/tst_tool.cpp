@@ -100,7 +100,8 @@ private slots:
         row("info json", "info %d/tiff/geotiff-strip-51px-ifd-at-8.tif --json --validate", 3,
             "\"tileByteCounts\":[7803],\"tileHeight\":51,\"tileOffsets\":[465],\"tileWidth\":51,\"tiled\":false,\"width"
             "\":51}],\"layoutValid\":false,\"layoutViolations\":[\"Main image is not tiled\"]");
-        row("info not a TIFF", "info %u/parquet/plain-alltypes-not-geo.parquet", 1, "TIFF header is invalid\n");
+        row("info not a TIFF", "info %u/stac/earth-search-v1-cop-dem-glo-30-page1-next-post-body.json", 1,
+            "TIFF header is invalid\n");
         row("gdal-path", "gdal-path https://example.com/scene.tif", 0, "/vsicurl/https://example.com/scene.tif\n");
         row("gdal-options", "gdal-options --cache-size 1048576", 0,
             "--config CPL_VSIL_CURL_ALLOWED_EXTENSIONS .tif,.tiff --config CPL_VSIL_CURL_CACHE_SIZE 1048576 --config "
@@ -146,6 +147,8 @@ private slots:
             "footer marker   yes\ncloud readable  yes\n");
         row("no local archive", "probe /nonexistent/a.pmtiles", 1, "PMTiles local archive does not exist\n");
         row("info of another scheme", "info ftp://x/a.tif", 1, "Cloud URL must use HTTP or HTTPS\n");
+        row("info of a local archive", "info %d/pmtiles/stamen-toner-raster-png-z0-3.pmtiles", 0,
+            "remote          no\ncontent length  716052\n");
         row("no command", "", 2, "Usage: norvane-cloud COMMAND [options]\n");
         row("unknown command", "fly", 2, "norvane-cloud: unknown command \"fly\"\n\nUsage: norvane-cloud COMMAND");
         row("missing argument", "read http://x/a", 2, "norvane-cloud: missing argument\n\nUsage: norvane-cloud read");

@@ -241,6 +241,9 @@ int printLayoutVerdict(QTextStream &out, const CogStructureResult &structure)
 int infoCommand(const Invocation &invocation, Console &console)
 {
     requireWords(invocation, 2);
+    // A PMTiles archive or a GeoParquet file has no TIFF structure: what there is to know of it is its probe.
+    if (&formatOf(invocation, invocation.words.at(1), &formats[0]) != &formats[0])
+        return probeCommand(invocation, console);
     const CogStructureResult structure = structureOf(invocation.words.at(1), invocation.global);
     const bool validate = invocation.has(QStringLiteral("validate"));
     if (invocation.has(QStringLiteral("json"))) {

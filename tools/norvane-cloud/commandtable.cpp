@@ -37,7 +37,8 @@ const QList<Command> &commands()
         { QStringLiteral("info"), { flag(QStringLiteral("validate")), flag(QStringLiteral("json")) },
             QStringLiteral("info URL|PATH"), QStringLiteral("structure of a TIFF; --validate checks the COG layout"),
             QStringLiteral("Usage: norvane-cloud info URL|PATH [--validate] [--json]\n"
-                           "Prints the header and every image (IFD) of a TIFF at an http(s) URL or a local path.\n"
+                           "Prints the header and every image (IFD) of a TIFF at an http(s) URL or a local path;\n"
+                           "of a .pmtiles or .parquet object, its probe.\n"
                            "  --validate  also check the cloud-optimised layout rules and list each one broken\n"
                            "  --json      print the structure (and the verdict) as one JSON document\n"
                            "Exit status: 0 success (layout valid), 1 failure, 2 usage error, 3 layout not valid.\n"),
