@@ -88,8 +88,10 @@ struct NORVANECLOUD_EXPORT StacCogLayer {
 /// A client of one STAC API catalogue. Answers are stored in the shared range cache, keyed by URL, method,
 /// body and configured headers, so a repeated identical request makes no network traffic.
 ///
-/// Network operations block and need a Qt application object. Settings must not be changed while an
-/// operation runs; separate clients may run on separate threads and share one cache.
+/// Network operations block and need a Qt application object (answers from the cache need none). The configured
+/// headers go only to the catalogue's origin (scheme, host and port): not to a page elsewhere, nor after a redirect
+/// to another origin. An answer over 64 MiB fails with std::runtime_error "STAC answer exceeds 64 MiB". Settings
+/// must not be changed while an operation runs; separate clients may run on separate threads and share one cache.
 class NORVANECLOUD_EXPORT StacClient final {
 public:
     /// Throws std::invalid_argument "STAC catalog URL is invalid" for an invalid URL or one without scheme.

@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QNetworkProxyFactory>
 #include <QSslSocket>
 #include <QTcpSocket>
 #include <QTimer>
@@ -90,14 +91,41 @@ QByteArray methodName(Method method)
     return QByteArrayLiteral("GET");
 }
 
-QByteArray requestBytes(const Request &request, const Hop &hop)
+// The HTTP proxy that plain HTTP to url goes through, as the application's proxy settings say; a proxy of no type
+// when there is none. HTTPS and other kinds of proxy are the socket's own business: it tunnels through them.
+QNetworkProxy plainHttpProxy(const QUrl &url)
+{
+    if (!isHttps(url)) {
+        for (const QNetworkProxy &proxy : QNetworkProxyFactory::proxyForQuery(QNetworkProxyQuery(url))) {
+            if (proxy.type() == QNetworkProxy::HttpProxy || proxy.type() == QNetworkProxy::HttpCachingProxy)
+                return proxy;
+            if (proxy.type() == QNetworkProxy::NoProxy)
+                break;
+        }
+    }
+    return QNetworkProxy(QNetworkProxy::DefaultProxy);
+}
+
+bool isHttpProxy(const QNetworkProxy &proxy)
+{
+    return proxy.type() != QNetworkProxy::DefaultProxy;
+}
+
+QByteArray requestBytes(const Request &request, const Hop &hop, const QNetworkProxy &proxy)
 {
     QUrl authority = hop.url;
     authority.setUserInfo({});
-    QByteArray target = hop.url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment);
-    if (!target.startsWith('/'))
+    // A proxy is given the whole URL.
+    QByteArray target = isHttpProxy(proxy)
+        ? authority.toEncoded(QUrl::RemoveFragment)
+        : hop.url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority | QUrl::RemoveFragment);
+    if (!target.startsWith('/') && !isHttpProxy(proxy))
         target.prepend('/');
     Fields fields { { QByteArrayLiteral("Host"), authority.authority(QUrl::FullyEncoded).toLatin1() } };
+    if (isHttpProxy(proxy) && !proxy.user().isEmpty()) {
+        const QByteArray credentials = (proxy.user() + u':' + proxy.password()).toUtf8().toBase64();
+        fields.append({ QByteArrayLiteral("Proxy-Authorization"), "Basic " + credentials });
+    }
     for (const auto &[name, value] : request.headers)
         setField(fields, name, value);
     if (hop.withCallerHeaders) {
@@ -174,15 +202,21 @@ private:
             auto *secure = new QSslSocket;
             socket.reset(secure);
             QObject::connect(
-                secure, &QSslSocket::encrypted, &loop, [this] { socket->write(requestBytes(request, hop)); });
+                secure, &QSslSocket::encrypted, &loop, [this] { socket->write(requestBytes(request, hop, proxy)); });
             observe();
             secure->connectToHostEncrypted(hop.url.host(), portOf(hop.url));
         } else {
             socket = std::make_unique<QTcpSocket>();
-            QObject::connect(
-                socket.get(), &QTcpSocket::connected, &loop, [this] { socket->write(requestBytes(request, hop)); });
+            QObject::connect(socket.get(), &QTcpSocket::connected, &loop,
+                [this] { socket->write(requestBytes(request, hop, proxy)); });
             observe();
-            socket->connectToHost(hop.url.host(), portOf(hop.url));
+            proxy = plainHttpProxy(hop.url);
+            if (isHttpProxy(proxy)) {
+                socket->setProxy(QNetworkProxy::NoProxy);
+                socket->connectToHost(proxy.hostName(), proxy.port());
+            } else {
+                socket->connectToHost(hop.url.host(), portOf(hop.url));
+            }
         }
     }
 
@@ -415,6 +449,7 @@ private:
     const QDeadlineTimer &deadline;
     QEventLoop loop;
     std::unique_ptr<QTcpSocket> socket;
+    QNetworkProxy proxy { QNetworkProxy::DefaultProxy };
     QByteArray received;
     qsizetype position = 0;
     qint64 headerBytes = 0;

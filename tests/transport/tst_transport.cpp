@@ -8,6 +8,7 @@
 #include "faultserver.h"
 #include "nginxserver.h"
 
+#include <QNetworkProxy>
 #include <QtTest>
 
 #include <future>
@@ -269,6 +270,18 @@ private slots:
         QCOMPARE(sent.header("Authorization") + ';' + sent.header("User-Agent") + ';' + sent.header("Accept-Encoding")
                 + ';' + sent.target + ' ' + sent.header("Range"),
             QByteArray(otherOrigin ? "" : "Bearer t") + ";Norvane.Cloud/1;identity;/p bytes=0-15");
+    }
+
+    // Plain HTTP through the application's HTTP proxy: the proxy is asked for the whole URL.
+    void applicationProxyCarriesPlainHttp()
+    {
+        FaultServer proxy([](const FaultRequest &request) { return objectReply(request, object); });
+        QNetworkProxy::setApplicationProxy({ QNetworkProxy::HttpProxy, "127.0.0.1", quint16(proxy.url().port()) });
+        QByteArray data;
+        const QString failure = failureOf([&] { data = reader->read(QUrl("http://objects.invalid/o"), 0, 16).data; });
+        QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
+        QVERIFY2(data == object.left(16), qPrintable(failure));
+        QCOMPARE(proxy.requests().value(0).target, "http://objects.invalid/o");
     }
 
     // Run in a child process that makes no application object: a range the disk cache holds needs none.
