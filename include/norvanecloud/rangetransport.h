@@ -85,6 +85,7 @@ struct NORVANECLOUD_EXPORT CloudCacheStatistics {
     qint64 writes = 0;
     qint64 evictions = 0;
     qint64 networkRequests = 0;
+    /// Body bytes received, including any read ahead beyond the range before a whole-object answer was cut off.
     qint64 networkBytes = 0;
     qint64 cacheBytesServed = 0;
     /// Current bytes held in memory (a level).
@@ -167,10 +168,14 @@ private:
 };
 
 /// Reads byte ranges of HTTP(S) objects synchronously through a shared CloudRangeCache, and inspects objects
-/// with HEAD. Every call creates its own network objects and runs a nested event loop on the calling thread.
+/// with HEAD. Every request goes on a connection of its own, in a nested event loop on the calling thread, and the
+/// connection is closed before the call returns; the time-out bounds the whole call, redirects included. Redirects
+/// are followed except from HTTPS to HTTP; the caller's headers are not sent to another origin (scheme, host or
+/// port) than the URL's.
 ///
-/// A Qt application object (QCoreApplication or derived) must exist in the process: a call made without one
-/// throws std::runtime_error "HTTP exchange requires a Qt application object" at once.
+/// A call that goes to the network needs a Qt application object (QCoreApplication or derived) in the process:
+/// without one it throws std::runtime_error "HTTP exchange requires a Qt application object" at once. Ranges the
+/// cache holds are served without one.
 /// Calls do not modify the reader, so several threads may read through one reader while no setter runs.
 class NORVANECLOUD_EXPORT HttpRangeReader final {
 public:
@@ -195,9 +200,10 @@ public:
     /// encoded URL, the range and the headers.
     static QString cacheKey(const CloudRangeRequest &request);
 
-    /// Reads exactly request.length bytes, from the cache or the network. Throws std::invalid_argument for bad
-    /// arguments and std::runtime_error for cancellation, time-out, network failures and answers that do not
-    /// match the request; exceptions of the operation context pass through unchanged.
+    /// Reads exactly request.length bytes, from the cache or the network. Of an answer with the whole object (200)
+    /// no more is received than the range needs: request.length bytes at offset 0, nothing at another. Throws
+    /// std::invalid_argument for bad arguments and std::runtime_error for cancellation, time-out, network failures and
+    /// answers that do not match the request; exceptions of the operation context pass through unchanged.
     /// Before the cache is consulted, a URL whose scheme is not http or https is refused with "Cloud URL must use
     /// HTTP or HTTPS", and a header with an empty name or with CR, LF or NUL in its name or value with "HTTP header
     /// name is empty", "HTTP header name contains CR, LF or NUL" or "HTTP header value contains CR, LF or NUL".

@@ -90,8 +90,10 @@ struct NORVANECLOUD_EXPORT StacCogLayer {
 ///
 /// Requests are refused before the cache is consulted as HttpRangeReader::read refuses them: only http and https
 /// URLs, and no header with an empty name or with CR, LF or NUL in it.
-/// Network operations block and need a Qt application object. Settings must not be changed while an
-/// operation runs; separate clients may run on separate threads and share one cache.
+/// Network operations block and need a Qt application object (answers from the cache need none). The configured
+/// headers go only to the catalogue's origin (scheme, host and port): not to a page elsewhere, nor after a redirect
+/// to another origin. An answer over 64 MiB fails with std::runtime_error "STAC answer exceeds 64 MiB". Settings
+/// must not be changed while an operation runs; separate clients may run on separate threads and share one cache.
 class NORVANECLOUD_EXPORT StacClient final {
 public:
     /// Throws std::invalid_argument "STAC catalog URL is invalid" for an invalid URL or one without scheme.

@@ -47,11 +47,14 @@ GeoParquetProbeResult GeoParquetSource::probe(const QUrl &url, const QHash<QByte
 
     // Both markers are read at the URL as given, not where the inspection was redirected to.
     const QByteArray marker = QByteArrayLiteral("PAR1");
-    const auto markerAt = [&](qint64 offset) {
-        return reader->read(rangeRequest(url, offset, parquetMarkerLength, headers)).data == marker;
-    };
-    result.headerValid = markerAt(0);
-    result.footerValid = markerAt(result.contentLength - parquetMarkerLength);
+    const CloudRangeResponse header = reader->read(rangeRequest(url, 0, parquetMarkerLength, headers));
+    result.headerValid = header.data == marker;
+    // A server that answered the first range with the whole object would refuse the footer read as well; the
+    // verdict stands without it.
+    if (header.statusCode != 200) {
+        const qint64 footerOffset = result.contentLength - parquetMarkerLength;
+        result.footerValid = reader->read(rangeRequest(url, footerOffset, parquetMarkerLength, headers)).data == marker;
+    }
 
     result.cloudReadable = result.acceptsRanges && result.headerValid && result.footerValid;
     result.diagnostic

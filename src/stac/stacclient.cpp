@@ -22,7 +22,7 @@ public:
 
     QByteArray exchange(const QUrl &url, const QByteArray &method, const QByteArray &body) const
     {
-        return StacExchange::run(*cache, url, method, body, headers, timeoutMilliseconds);
+        return StacExchange::run(*cache, catalogUrl, url, method, body, headers, timeoutMilliseconds);
     }
 };
 

@@ -12,7 +12,11 @@ namespace Norvane::Cloud::StacExchange {
 
 namespace {
 
-HttpExchange::Request requestOf(const QUrl &url,
+// Larger answers are refused rather than held: a hostile catalogue could otherwise fill the host's memory.
+constexpr qint64 maximumAnswerBytes = 64 * 1024 * 1024;
+
+HttpExchange::Request requestOf(const QUrl &catalogUrl,
+    const QUrl &url,
     const QByteArray &method,
     const QByteArray &body,
     const QHash<QByteArray, QByteArray> &headers,
@@ -27,9 +31,13 @@ HttpExchange::Request requestOf(const QUrl &url,
         { QByteArrayLiteral("Accept"), QByteArrayLiteral("application/geo+json, application/json") },
         { QByteArrayLiteral("User-Agent"), QByteArrayLiteral("Norvane.Cloud/1") } };
     for (auto header = headers.constBegin(); header != headers.constEnd(); ++header)
-        request.headers.append({ header.key(), header.value() });
+        request.callerHeaders.append({ header.key(), header.value() });
+    request.callerOrigin = catalogUrl;
     request.timeoutMilliseconds = timeoutMilliseconds;
     request.loopFlags = QEventLoop::ExcludeUserInputEvents;
+    // One byte more than allowed tells an answer that is too large; a failure's body is not read.
+    request.bodyBytesTaken
+        = [](qint32 statusCode) { return statusCode >= 200 && statusCode <= 299 ? maximumAnswerBytes + 1 : 0; };
     return request;
 }
 
@@ -43,6 +51,8 @@ CloudRangeResponse answerOf(const HttpExchange::Request &request)
         throw std::runtime_error(QString::fromLatin1(StacMessages::requestFailed)
                                      .arg(QString::number(answer.statusCode), answer.errorText)
                                      .toStdString());
+    if (answer.body.size() > maximumAnswerBytes)
+        throw std::runtime_error(StacMessages::answerTooLarge);
     CloudRangeResponse response;
     response.data = answer.body;
     response.offset = 0;
@@ -55,6 +65,7 @@ CloudRangeResponse answerOf(const HttpExchange::Request &request)
 } // namespace
 
 QByteArray run(CloudRangeCache &cache,
+    const QUrl &catalogUrl,
     const QUrl &url,
     const QByteArray &method,
     const QByteArray &body,
@@ -67,7 +78,7 @@ QByteArray run(CloudRangeCache &cache,
     const CachedFetchRules rules { true, false, false };
     // A cached answer needs no event loop; only the network does, and the exchange checks for it.
     return readThroughCache(&cache, answerCacheKey(method, url, body, headers), rules, [&] {
-        return answerOf(requestOf(url, method, body, headers, timeoutMilliseconds));
+        return answerOf(requestOf(catalogUrl, url, method, body, headers, timeoutMilliseconds));
     }).data;
 }
 

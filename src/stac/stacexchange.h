@@ -13,9 +13,11 @@
 namespace Norvane::Cloud::StacExchange {
 
 /// The answer body, from the cache or the network. Only the exact method "POST" sends the body; anything
-/// else is a GET. Throws std::runtime_error for a missing application object, the time-out, a network error
-/// or a status outside 200-299; nothing is stored then.
+/// else is a GET. The configured headers go only to the origin of catalogUrl. Throws std::runtime_error for a
+/// missing application object, the time-out, a network error, a status outside 200-299 or an answer over 64 MiB;
+/// nothing is stored then.
 QByteArray run(CloudRangeCache &cache,
+    const QUrl &catalogUrl,
     const QUrl &url,
     const QByteArray &method,
     const QByteArray &body,

@@ -14,7 +14,8 @@ inline constexpr char noNextPage[] = "STAC result does not contain a next page";
 inline constexpr char nextMethodUnsupported[] = "STAC next-page method must be GET or POST";
 
 inline constexpr char requestTimedOut[] = "STAC request timed out";
-// %1 status code (0 when the reply carries none), %2 the network library's error text.
+inline constexpr char answerTooLarge[] = "STAC answer exceeds 64 MiB";
+// %1 status code (0 when the reply carries none), %2 the exchange's error text.
 inline constexpr char requestFailed[] = "STAC request failed (%1): %2";
 // %1 the JSON parser's description of its error.
 inline constexpr char invalidJson[] = "Invalid STAC JSON: %1";

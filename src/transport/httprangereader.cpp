@@ -28,16 +28,22 @@ void requireValidUrl(const QUrl &url)
         throw std::invalid_argument(TransportMessages::urlInvalid);
 }
 
-// The reader's own headers. Qt matches raw header names without regard to letter case, so a caller's "range" set
-// after them replaces the reader's "Range".
-Headers readerHeaders(const QByteArray &userAgent, const QHash<QByteArray, QByteArray> &callerHeaders, Headers extra)
+// The reader's own headers, sent to every origin.
+Headers readerHeaders(const QByteArray &userAgent, Headers extra)
 {
     Headers headers { { QByteArrayLiteral("User-Agent"), userAgent },
         { QByteArrayLiteral("Accept-Encoding"), QByteArrayLiteral("identity") } };
-    headers += extra;
-    for (auto it = callerHeaders.cbegin(); it != callerHeaders.cend(); ++it)
-        headers.append({ it.key(), it.value() });
-    return headers;
+    return headers + extra;
+}
+
+// Set after the reader's own, and header names match without regard to letter case: a caller's "range" replaces
+// the reader's "Range".
+Headers callerHeaders(const QHash<QByteArray, QByteArray> &headers)
+{
+    Headers list;
+    for (auto it = headers.cbegin(); it != headers.cend(); ++it)
+        list.append({ it.key(), it.value() });
+    return list;
 }
 
 void reportProgress(const CloudRangeRequest &request,
@@ -133,9 +139,11 @@ public:
         HttpExchange::Request exchange;
         exchange.url = request.url;
         const QByteArray range = "bytes=" + QByteArray::number(request.offset) + '-' + QByteArray::number(lastByte);
-        exchange.headers = readerHeaders(userAgent, request.headers, { { QByteArrayLiteral("Range"), range } });
+        exchange.headers = readerHeaders(userAgent, { { QByteArrayLiteral("Range"), range } });
+        exchange.callerHeaders = callerHeaders(request.headers);
         exchange.timeoutMilliseconds = timeoutMilliseconds;
         exchange.cancellationRequested = [this] { return isCancelled(request); };
+        exchange.bodyBytesTaken = [this](qint32 statusCode) { return bodyBytesTaken(statusCode); };
         const HttpExchange::Answer answer = HttpExchange::exchangeOrThrow(exchange);
 
         contentRange = answer.contentRange;
@@ -149,6 +157,17 @@ public:
         response.acceptsRanges = response.statusCode == 206 || RangeAnswer::acceptsByteRanges(answer.acceptRanges);
         response.data = answer.body;
         return response;
+    }
+
+    // No more than the checks need: a range one byte too long is wrong already, a whole object is of use only from
+    // offset 0 and only up to the length asked for, and any other answer fails by its status alone.
+    qint64 bodyBytesTaken(qint32 statusCode) const
+    {
+        if (statusCode == 206)
+            return request.length + 1;
+        if (statusCode == 200)
+            return request.offset == 0 ? request.length : 0;
+        return 0;
     }
 
     // A whole object (200) is accepted for a range at offset 0, trimmed to the length asked for.
@@ -239,7 +258,6 @@ QString HttpRangeReader::cacheKey(const CloudRangeRequest &request)
 CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
 {
     checkArguments(request);
-    HttpExchange::requireApplicationObject();
     const QByteArray encodedUrl = request.url.toEncoded(QUrl::FullyEncoded);
     admit(request, displayText(request.url, encodedUrl));
 
@@ -282,7 +300,8 @@ CloudResourceMetadata HttpRangeReader::inspect(const QUrl &url, const QHash<QByt
     HttpExchange::Request exchange;
     exchange.url = url;
     exchange.method = HttpExchange::Method::Head;
-    exchange.headers = readerHeaders(d->userAgent, headers, {});
+    exchange.headers = readerHeaders(d->userAgent, {});
+    exchange.callerHeaders = callerHeaders(headers);
     exchange.timeoutMilliseconds = d->timeoutMilliseconds;
     const HttpExchange::Answer answer = HttpExchange::exchangeOrThrow(exchange);
 

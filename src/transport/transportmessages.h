@@ -28,6 +28,18 @@ inline constexpr char contentRangeMismatch[] = "HTTP Content-Range does not matc
 inline constexpr char rangeIgnored[] = "HTTP server ignored the byte-range request";
 // %1 bytes received, %2 bytes expected.
 inline constexpr char lengthMismatch[] = "HTTP range returned %1 bytes; expected %2";
+// Error texts of the exchange, worded by requestFailed. noErrorText stands beside a status that is not a failure of
+// the exchange itself, such as a 3xx without a Location.
+inline constexpr char noErrorText[] = "Unknown error";
+// %1 the server's reason phrase.
+inline constexpr char serverReplied[] = "Server replied: %1";
+inline constexpr char closedBeforeAnswer[] = "Connection closed before an answer";
+inline constexpr char answerIncomplete[] = "Connection closed before the answer was complete";
+inline constexpr char malformedAnswer[] = "Malformed HTTP answer";
+inline constexpr char headerTooLarge[] = "HTTP answer header exceeds 64 KiB";
+inline constexpr char tooManyRedirects[] = "Too many redirects";
+inline constexpr char schemeUnsupported[] = "URL scheme is not HTTP or HTTPS";
+inline constexpr char redirectInsecure[] = "Redirect from HTTPS to HTTP refused";
 inline constexpr char noApplicationObject[] = "HTTP exchange requires a Qt application object";
 
 // What the range reader tells the host's operation context: its component name and its progress messages.

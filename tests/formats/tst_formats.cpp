@@ -442,6 +442,8 @@ private slots:
         ROW("8 bytes", probe("/ranges/PAR1PAR1"), "8 header footer readable: " + pqGood + "; requests: 3");
         ROW("GeoParquet without ranges", probe("/silent/parquet/geoparquet-point-wkb.parquet"),
             "1361 header footer: " + pqBad + "; requests: 3");
+        ROW("GeoParquet answered whole", probe("/whole/parquet/geoparquet-point-wkb.parquet"),
+            "1361 header: " + pqBad + "; requests: 2");
         const QString file = "pmtiles/unclustered-png-z1.pmtiles",
                       outside = "PMTiles local range is out of bounds"; // 278 bytes
         ROW("whole local file", pmRange(file, 0, 278), "file bytes of 278, 200 application/vnd.pmtiles, cached");

@@ -83,12 +83,17 @@ QString layer(StacClient &client, const QByteArray &json, const QString &key = {
 }
 
 // A catalogue in the manner of the recorded APIs. A first path segment of digits is the status to answer with, over
-// a body that is not JSON; "/stall" never answers; "/naip" and "/aster" give a page of a search paged by POST (token
-// in the body) and by GET (token in the query), whose next link leads back here.
+// a body that is not JSON; "/stall" never answers; "/huge" sends 128 MiB, "/endless" header lines without end; "/naip"
+// and "/aster" give a page of a search paged by POST (token in the body) and by GET (token in the query), whose next
+// link leads back here.
 FaultReply catalogue(const FaultRequest &request)
 {
     if (request.target.startsWith("/stall"))
         return { {}, 0, -1, true };
+    if (request.target.startsWith("/huge"))
+        return { "HTTP/1.1 200 X\r\nContent-Length: 134217728\r\n\r\n", 0, -1, false, QByteArray(65536, ' ') };
+    if (request.target.startsWith("/endless"))
+        return { "HTTP/1.1 200 X\r\n", 0, -1, false, "X-A: 1\r\n" };
     if (const int status = request.target.mid(1, 3).toInt())
         return httpReply(status, {}, "<html>");
     const QByteArray page = request.target.startsWith("/aster") ? "aster-l1t-items-page1-next-get-token"
@@ -97,6 +102,16 @@ FaultReply catalogue(const FaultRequest &request)
     return httpReply(200, {},
         fixture("planetary-computer-" + page + ".json")
             .replace("https://planetarycomputer.microsoft.com/api/stac", "http://" + request.header("Host")));
+}
+
+// The configured Authorization and the User-Agent that a next page on another port received.
+QString nextPageElsewhere(StacClient &client)
+{
+    FaultServer elsewhere(catalogue);
+    client.setHeaders({ { "Authorization", "Bearer t" } });
+    client.fetchNext({ {}, elsewhere.url("/n"), "GET", {}, -1, -1, {} });
+    const FaultRequest sent = elsewhere.requests().value(0);
+    return QString::fromLatin1(sent.header("Authorization") + ';' + sent.header("User-Agent"));
 }
 
 } // namespace
@@ -159,6 +174,11 @@ void TestStac::stac_data()
         << "runtime: Invalid STAC JSON: illegal value | GET /200";
     ROW("stall, not kept", (client.setTimeoutMilliseconds(300), client.fetchPage(server.url("/stall")), QString()))
         << "runtime: STAC request timed out | GET /stall | GET /stall";
+    ROW("endless header lines, not kept", (client.fetchPage(server.url("/endless")), QString()))
+        << "runtime: STAC request failed (200): HTTP answer header exceeds 64 KiB | GET /endless | GET /endless";
+    ROW("answer over 64 MiB, not kept", (client.fetchPage(server.url("/huge")), QString()))
+        << "runtime: STAC answer exceeds 64 MiB | GET /huge | GET /huge";
+    ROW("next page on another origin, without configured headers", nextPageElsewhere(client)) << ";Norvane.Cloud/1";
     ROW("catalog URL without scheme", StacClient(QUrl("stac.example/v1")).catalogUrl().toString())
         << "argument: STAC catalog URL is invalid";
     ROW("no next page", (client.fetchNext({}), QString())) << "argument: STAC result does not contain a next page";

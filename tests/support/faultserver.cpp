@@ -58,6 +58,7 @@ public:
     quint16 port = 0;
     mutable QMutex mutex;
     QList<FaultRequest> log;
+    int openConnections = 0;
 
     void accept(QTcpSocket *socket);
     static bool parse(const QByteArray &received, FaultRequest &request);
@@ -103,7 +104,13 @@ void FaultServer::Private::accept(QTcpSocket *socket)
         }
         answer(socket, request);
     });
-    QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    QObject::connect(socket, &QTcpSocket::disconnected, socket, [this, socket] {
+        QMutexLocker lock(&mutex);
+        --openConnections;
+        socket->deleteLater();
+    });
+    QMutexLocker lock(&mutex);
+    ++openConnections;
 }
 
 void FaultServer::Private::answer(QTcpSocket *socket, const FaultRequest &request)
@@ -113,7 +120,15 @@ void FaultServer::Private::answer(QTcpSocket *socket, const FaultRequest &reques
         const QByteArray sent = reply.cutAfterBytes < 0 ? reply.bytes : reply.bytes.left(reply.cutAfterBytes);
         socket->write(sent);
         socket->flush();
-        if (!reply.stall)
+        if (!reply.repeat.isEmpty()) {
+            // Kept a little ahead of the client, so the server's memory stays small whatever the client takes.
+            const auto refill = [socket, repeat = reply.repeat] {
+                while (socket->state() == QAbstractSocket::ConnectedState && socket->bytesToWrite() < (1 << 16))
+                    socket->write(repeat);
+            };
+            QObject::connect(socket, &QTcpSocket::bytesWritten, socket, refill);
+            refill();
+        } else if (!reply.stall)
             socket->disconnectFromHost();
     });
 }
@@ -167,6 +182,12 @@ int FaultServer::requestCount() const
 {
     QMutexLocker lock(&d->mutex);
     return int(d->log.size());
+}
+
+int FaultServer::openConnections() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->openConnections;
 }
 
 quint16 FaultServer::unusedPort()

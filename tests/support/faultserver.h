@@ -30,6 +30,8 @@ struct FaultReply {
     qint64 cutAfterBytes = -1;
     /// Keep the connection open and silent after sending, until the server stops.
     bool stall = false;
+    /// Non-empty: after bytes, send this again and again until the client closes the connection.
+    QByteArray repeat = {};
 };
 
 /// "HTTP/1.1 <status> X", the headers, Content-Length (unless given) and "Connection: close", then the body.
@@ -51,6 +53,8 @@ public:
     QUrl url(const QByteArray &pathAndQuery = "/") const;
     QList<FaultRequest> requests() const;
     int requestCount() const;
+    /// Connections accepted and not yet closed by either side.
+    int openConnections() const;
     /// A loopback port nothing listens on.
     static quint16 unusedPort();
 

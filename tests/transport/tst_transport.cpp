@@ -8,6 +8,7 @@
 #include "faultserver.h"
 #include "nginxserver.h"
 
+#include <QNetworkProxy>
 #include <QtTest>
 
 #include <future>
@@ -238,13 +239,99 @@ private slots:
         // success is stored.
         const bool answered = row.status > 0 && !failure.startsWith(QLatin1String("HTTP request "));
         const QList<qint64> statistics = counters(cache->statistics());
+        // A whole object at another offset is given up as soon as its status is known: no body byte is taken.
+        const qint64 taken = whole && row.offset ? 0 : twist.isEmpty() ? row.bodyBytes : 4;
         QCOMPARE(QList<qint64>({ statistics[7], statistics[8], statistics[3] }),
-            QList<qint64>({ answered, answered ? (twist.isEmpty() ? row.bodyBytes : 4) : 0, failure.isEmpty() }));
+            QList<qint64>({ answered, answered ? taken : 0, failure.isEmpty() }));
         const CloudRangeResponse expected { object.mid(row.offset, 100), row.offset, row.totalSize, row.status, {}, {},
             {}, true };
         QCOMPARE(describe(response), describe(failure.isEmpty() ? expected : CloudRangeResponse()));
         // Every way out of a read gives up its claim on the key: a second read does not wait for the first.
         QVERIFY(pattern.match(failureOf([&] { reader->read(request); })).hasMatch());
+    }
+
+    // A server that never finishes, or sends far more than asked for: the read ends within its time-out or as soon
+    // as it has what it needs, with the client closing the connection and taking at most a little read-ahead.
+    void hostileServerIsCutShort_data()
+    {
+        QTest::addColumn<QByteArray>("head");
+        QTest::addColumn<QByteArray>("repeat");
+        QTest::addColumn<QString>("failure");
+        const QByteArray endless = "Content-Length: 1073741824\r\n\r\n";
+        const QString tooLarge = "HTTP request failed (206): HTTP answer header exceeds 64 KiB";
+        const QString tooLong = "HTTP range returned \\d+ bytes; expected 16";
+        QTest::newRow("endless header lines")
+            << QByteArray("HTTP/1.1 206 X\r\n") << QByteArray("X-A: 1\r\n") << QRegularExpression::escape(tooLarge);
+        QTest::newRow("endless header line")
+            << QByteArray("HTTP/1.1 206 X\r\nX-A: ") << QByteArray(4096, 'a') << QRegularExpression::escape(tooLarge);
+        QTest::newRow("endless chunked body")
+            << QByteArray("HTTP/1.1 206 X\r\nContent-Range: bytes 0-15/16\r\nTransfer-Encoding: chunked\r\n\r\n")
+            << QByteArray("1000\r\n" + QByteArray(4096, 'b') + "\r\n") << tooLong;
+        QTest::newRow("206 longer than asked") << "HTTP/1.1 206 X\r\nContent-Range: bytes 0-15/1073741824\r\n" + endless
+                                               << QByteArray(65536, 'e') << tooLong;
+        QTest::newRow("200 at offset 0, taken")
+            << "HTTP/1.1 200 X\r\n" + endless << QByteArray(65536, 'd') << QString();
+    }
+    void hostileServerIsCutShort()
+    {
+        QFETCH(QByteArray, head);
+        QFETCH(QByteArray, repeat);
+        QFETCH(QString, failure);
+        FaultServer server([&](const FaultRequest &) { return FaultReply { head, 0, -1, false, repeat }; });
+        CloudRangeResponse response;
+        const QString message = failureOf([&] { response = reader->read(server.url("/o"), 0, 16); });
+        QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(failure)).match(message).hasMatch(),
+            qPrintable(message));
+        QCOMPARE(response.data, failure.isEmpty() ? QByteArray(16, 'd') : QByteArray());
+        QTRY_COMPARE(server.openConnections(), 0);
+        QVERIFY(cache->statistics().networkBytes < (1 << 20));
+    }
+
+    // The caller's headers go where the caller sent them, not to another origin a redirect names; the reader's own
+    // go everywhere.
+    void callerHeadersStayWithTheirOrigin_data()
+    {
+        QTest::addColumn<bool>("otherOrigin");
+        QTest::newRow("same origin") << false;
+        QTest::newRow("another port") << true;
+    }
+    void callerHeadersStayWithTheirOrigin()
+    {
+        QFETCH(bool, otherOrigin);
+        FaultServer target([](const FaultRequest &request) { return objectReply(request, object); });
+        const QByteArray location = otherOrigin ? target.url("/p").toEncoded() : "/p";
+        FaultServer origin([&](const FaultRequest &request) {
+            return request.target == "/o" ? httpReply(302, { { "Location", location } }, {})
+                                          : objectReply(request, object);
+        });
+        QCOMPARE(reader->read({ origin.url("/o"), 0, 16, { { "authorization", "Bearer t" } } }).data, object.left(16));
+        const FaultRequest sent = (otherOrigin ? target : origin).requests().constLast();
+        QCOMPARE(sent.header("Authorization") + ';' + sent.header("User-Agent") + ';' + sent.header("Accept-Encoding")
+                + ';' + sent.target + ' ' + sent.header("Range"),
+            QByteArray(otherOrigin ? "" : "Bearer t") + ";Norvane.Cloud/1;identity;/p bytes=0-15");
+    }
+
+    // Plain HTTP through the application's HTTP proxy: the proxy is asked for the whole URL.
+    void applicationProxyCarriesPlainHttp()
+    {
+        FaultServer proxy([](const FaultRequest &request) { return objectReply(request, object); });
+        QNetworkProxy::setApplicationProxy({ QNetworkProxy::HttpProxy, "127.0.0.1", quint16(proxy.url().port()) });
+        QByteArray data;
+        const QString failure = failureOf([&] { data = reader->read(QUrl("http://objects.invalid/o"), 0, 16).data; });
+        QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
+        QVERIFY2(data == object.left(16), qPrintable(failure));
+        QCOMPARE(proxy.requests().value(0).target, "http://objects.invalid/o");
+    }
+
+    // Run in a child process that makes no application object: a range the disk cache holds needs none.
+    void cachedRangeNeedsNoApplicationObject()
+    {
+        const QUrl url(QStringLiteral("http://127.0.0.1:%1/o").arg(FaultServer::unusedPort()));
+        makeCache(dir())->put(HttpRangeReader::cacheKey({ url, 5, 3 }), diskResponse("abc"));
+        QProcess child;
+        child.start(QCoreApplication::applicationFilePath(), { QStringLiteral("--read"), dir(), url.toString() });
+        QVERIFY(child.waitForFinished());
+        QCOMPARE(child.readAllStandardOutput(), QByteArray("abc"));
     }
 
     void repeatedReadComesFromTheCache()
@@ -564,6 +651,24 @@ private slots:
     }
 };
 
-QTEST_GUILESS_MAIN(TestTransport)
+// The child process of cachedRangeNeedsNoApplicationObject: bytes 5-7 of url through the disk cache in folder,
+// written to standard output, or the failure's message.
+int readWithoutApplicationObject(const char *folder, const char *url)
+{
+    const auto tiers = std::make_shared<CloudRangeCache>(CloudCacheOptions { QString::fromLocal8Bit(folder) });
+    const QString outcome = failureOf([&] { std::fputs(HttpRangeReader(tiers).read(QUrl(url), 5, 3).data, stdout); });
+    std::fputs(qPrintable(outcome), stdout);
+    return 0;
+}
+
+int main(int argc, char **argv)
+{
+    if (argc == 4 && qstrcmp(argv[1], "--read") == 0)
+        return readWithoutApplicationObject(argv[2], argv[3]);
+    QCoreApplication application(argc, argv);
+    TestTransport test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
 
 #include "tst_transport.moc"
