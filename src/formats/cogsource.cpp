@@ -7,6 +7,7 @@
 #include "formats/probecommon.h"
 #include "formats/tiffheader.h"
 #include "formats/viewportplan.h"
+#include "transport/requestcheck.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -69,8 +70,8 @@ CogProbeResult CogSource::probe(const QUrl &url, const QHash<QByteArray, QByteAr
     CogProbeResult result;
     copyInspection(result, metadata);
 
-    // The header is read where the inspection ended up, so a redirect is followed once, not twice.
-    applyTiffHeader(result, reader->read(rangeRequest(result.url, 0, tiffHeaderReadLength, headers)).data);
+    const QUrl location = RequestCheck::readLocation(url, result.url);
+    applyTiffHeader(result, reader->read(rangeRequest(location, 0, tiffHeaderReadLength, headers)).data);
     return result;
 }
 
@@ -151,9 +152,9 @@ CogStructureResult CogSource::structure(const QUrl &url, const QHash<QByteArray,
     const CloudResourceMetadata metadata = reader->inspect(url, headers);
     if (metadata.contentLength < 0)
         throw std::runtime_error(FormatsMessages::cogLengthUnknown);
-    const auto readRange = [this, &metadata, &headers](qint64 offset, qint64 length) {
-        // Where the inspection ended up, so a redirect is followed once, not on every read.
-        return reader->read(rangeRequest(metadata.url, offset, length, headers)).data;
+    const QUrl location = RequestCheck::readLocation(url, metadata.url);
+    const auto readRange = [this, &location, &headers](qint64 offset, qint64 length) {
+        return reader->read(rangeRequest(location, offset, length, headers)).data;
     };
     CogStructureResult result = readCogStructure(readRange, metadata.contentLength);
     result.url = metadata.url;

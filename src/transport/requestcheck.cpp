@@ -31,4 +31,16 @@ void requireSendable(const QUrl &url, const QHash<QByteArray, QByteArray> &heade
     }
 }
 
+bool isSameOrigin(const QUrl &first, const QUrl &second)
+{
+    const int defaultPort = first.scheme() == QLatin1String("https") ? 443 : 80;
+    return first.scheme() == second.scheme() && first.host() == second.host()
+        && first.port(defaultPort) == second.port(defaultPort);
+}
+
+QUrl readLocation(const QUrl &given, const QUrl &inspected)
+{
+    return isSameOrigin(given, inspected) ? inspected : given;
+}
+
 } // namespace Norvane::Cloud::RequestCheck

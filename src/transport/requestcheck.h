@@ -15,4 +15,13 @@ namespace Norvane::Cloud::RequestCheck {
 /// header that breaks the rule.
 void requireSendable(const QUrl &url, const QHash<QByteArray, QByteArray> &headers);
 
+/// Whether the two URLs share scheme, host and port (the scheme's own port when none is given): where a caller's
+/// headers may go.
+bool isSameOrigin(const QUrl &first, const QUrl &second);
+
+/// Where the reads after an inspection go: where the inspection ended up when that is the origin the caller named,
+/// so a redirect is followed once; else the URL the caller gave, so each read follows the redirect again and the
+/// caller's headers stay with their origin.
+QUrl readLocation(const QUrl &given, const QUrl &inspected);
+
 } // namespace Norvane::Cloud::RequestCheck

@@ -468,6 +468,22 @@ private slots:
         ROW("BigTIFF, gap 0", viewport(bigTiff, tiles(bigTiff), 0), "143138 143138 143138 5 5 5; requests: 5");
     }
     void served() { CHECK; }
+
+    // Probe and structure read where a redirect to another origin leads, but the caller's credentials stay behind.
+    void credentialsStayWithTheirOrigin()
+    {
+        const QByteArray path = "/ranges/cogs/cog-le-jpeg-1024-64tiles.tif";
+        FaultServer mover([this, path](const FaultRequest &) {
+            return httpReply(302, { { "Location", fault.url(path).toEncoded() } }, {});
+        });
+        const QHash<QByteArray, QByteArray> secret { { "Authorization", "Bearer a" } };
+        const int before = fault.requestCount();
+        QCOMPARE(CogSource(cache).probe(mover.url(path), secret).url, fault.url(path));
+        QCOMPARE(CogSource(cache).structure(mover.url(path), secret).images.size(), 2);
+        QVERIFY(fault.requestCount() > before);
+        for (const FaultRequest &request : fault.requests().mid(before))
+            QCOMPARE(request.method + ' ' + request.header("Authorization"), request.method + ' ');
+    }
 };
 
 QTEST_GUILESS_MAIN(FormatsTest)
