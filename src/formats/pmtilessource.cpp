@@ -94,7 +94,8 @@ CloudRangeResponse PmTilesSource::readRange(
     const QString key = rangeCacheKey(QUrl::fromLocalFile(path).toEncoded(QUrl::FullyEncoded), offset, length, headers);
     const std::shared_ptr<CloudRangeCache> cache = reader->cache();
     return readThroughCache(
-        cache.get(), key, CachedFetchRules { true, false, false }, [&path, offset, length, fileSize] {
+        cache.get(), key, CachedFetchRules { true, false, false },
+        [&path, offset, length, fileSize] {
             QFile file(path);
             if (!file.open(QIODevice::ReadOnly) || !file.seek(offset))
                 throw std::runtime_error(FormatsMessages::pmTilesLocalOpenFailed);
@@ -108,7 +109,8 @@ CloudRangeResponse PmTilesSource::readRange(
             response.acceptsRanges = true;
             response.contentType = QByteArray(pmTilesContentType);
             return response;
-        });
+        },
+        {}, CachedFetchExpectation { offset, length, {}, 0 });
 }
 
 CloudCacheStatistics PmTilesSource::cacheStatistics() const
