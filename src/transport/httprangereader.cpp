@@ -5,18 +5,14 @@
 #include "transport/exchangelog.h"
 #include "transport/httpexchange.h"
 #include "transport/rangeanswer.h"
+#include "transport/readcontext.h"
 #include "transport/requestcheck.h"
 #include "transport/transportmessages.h"
-
-#include <QVariantMap>
 
 #include <limits>
 #include <stdexcept>
 
 namespace Norvane::Cloud {
-
-using Norvane::Core::Operations::OperationProgress;
-using Norvane::Core::Operations::OperationResourceUsage;
 
 namespace {
 
@@ -46,55 +42,6 @@ Headers callerHeaders(const QHash<QByteArray, QByteArray> &headers)
     return list;
 }
 
-void reportProgress(const CloudRangeRequest &request,
-    qint32 state,
-    qint32 percent,
-    qint64 completed,
-    const QString &message,
-    const QVariantMap &details)
-{
-    OperationProgress progress;
-    progress.state = state;
-    progress.percent = percent;
-    progress.completed = completed;
-    progress.total = request.length;
-    progress.message = message;
-    progress.details = details;
-    request.context.reportProgress(progress);
-}
-
-// Built once: a cache hit is answered in a few microseconds, and fresh strings and maps would dominate it.
-struct FixedTexts {
-    QString component = QString::fromLatin1(TransportMessages::readerComponent);
-    QString reading = QString::fromLatin1(TransportMessages::progressReading);
-    QString fromCache = QString::fromLatin1(TransportMessages::progressFromCache);
-    QString downloaded = QString::fromLatin1(TransportMessages::progressDownloaded);
-    QString urlName = QStringLiteral("url");
-    QVariantMap cacheHit { { QStringLiteral("cacheHit"), true } };
-    QVariantMap cacheMiss { { QStringLiteral("cacheHit"), false } };
-};
-
-const FixedTexts &fixedTexts()
-{
-    static const FixedTexts texts;
-    return texts;
-}
-
-bool isCancelled(const CloudRangeRequest &request)
-{
-    return request.context.isCancellationRequested()
-        || (request.cancellationRequested && request.cancellationRequested());
-}
-
-// QUrl::toString() with default options, from the fully encoded form when that is the same text: building both
-// forms costs more than the rest of a cache hit. Only percent escapes and international host names differ.
-QString displayText(const QUrl &url, const QByteArray &encodedUrl)
-{
-    if (encodedUrl.contains('%') || encodedUrl.contains("xn--"))
-        return url.toString();
-    return QString::fromLatin1(encodedUrl);
-}
-
 // The request's own arguments, before any effect.
 void checkArguments(const CloudRangeRequest &request)
 {
@@ -106,19 +53,6 @@ void checkArguments(const CloudRangeRequest &request)
         throw std::invalid_argument(TransportMessages::lengthNotPositive);
     if (request.offset > std::numeric_limits<qint64>::max() - request.length)
         throw std::invalid_argument(TransportMessages::rangeOverflows);
-}
-
-// What the host's operation context must agree to before the read starts: its resource policy and its
-// cancellation. Then the read is under way.
-void admit(const CloudRangeRequest &request, const QString &urlText)
-{
-    const FixedTexts &texts = fixedTexts();
-    OperationResourceUsage usage;
-    usage.bytes = request.length;
-    request.context.enforceResourceUsage(usage, texts.component, urlText);
-    if (isCancelled(request))
-        throw std::runtime_error(TransportMessages::requestCancelled);
-    reportProgress(request, OperationProgress::UnderWay, 0, 0, texts.reading, { { texts.urlName, urlText } });
 }
 
 // One GET of the range, and the check of what it brought. The Content-Range the answer came with is kept between
@@ -142,7 +76,7 @@ public:
         exchange.headers = readerHeaders(userAgent, { { QByteArrayLiteral("Range"), range } });
         exchange.callerHeaders = callerHeaders(request.headers);
         exchange.timeoutMilliseconds = timeoutMilliseconds;
-        exchange.cancellationRequested = [this] { return isCancelled(request); };
+        exchange.cancellationRequested = [this] { return ReadContext::isCancelled(request); };
         exchange.bodyBytesTaken = [this](qint32 statusCode) { return bodyBytesTaken(statusCode); };
         const HttpExchange::Answer answer = HttpExchange::exchangeOrThrow(exchange);
 
@@ -259,7 +193,7 @@ CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
 {
     checkArguments(request);
     const QByteArray encodedUrl = request.url.toEncoded(QUrl::FullyEncoded);
-    admit(request, displayText(request.url, encodedUrl));
+    ReadContext::admit(request, encodedUrl);
 
     // A share of its own, so the cache outlives this read whatever happens to the reader's setting.
     const std::shared_ptr<CloudRangeCache> cache = d->cache;
@@ -269,18 +203,15 @@ CloudRangeResponse HttpRangeReader::read(const CloudRangeRequest &request) const
     const CachedFetchRules rules { request.useCache, true, true };
     // A hit must hold the range; waiting for another thread's download of it is cancellable and bounded.
     const CachedFetchExpectation expectation { request.offset, request.length,
-        [&request] { return isCancelled(request); }, d->timeoutMilliseconds };
+        [&request] { return ReadContext::isCancelled(request); }, d->timeoutMilliseconds };
     CloudRangeResponse response = readThroughCache(
         cache.get(), rangeCacheKey(encodedUrl, request.offset, request.length, request.headers), rules,
         [&range] { return range.download(); }, [&range](CloudRangeResponse &fetched) { range.verify(fetched); },
         expectation);
 
-    const FixedTexts &texts = fixedTexts();
-    const bool hit = response.fromCache;
-    if (hit)
+    if (response.fromCache)
         ExchangeLog::cacheHit(request.url, request.offset, request.length, response.data.size());
-    reportProgress(request, OperationProgress::Done, 100, response.data.size(),
-        hit ? texts.fromCache : texts.downloaded, hit ? texts.cacheHit : texts.cacheMiss);
+    ReadContext::reportDone(request, response.data.size(), response.fromCache);
     return response;
 }
 
