@@ -287,6 +287,41 @@ private slots:
         QVERIFY(cache->statistics().networkBytes < (1 << 20));
     }
 
+    // Answers as they arrive on the wire, read as the range 0-15: the bytes, or the failure.
+    void wireAnswers_data()
+    {
+        QTest::addColumn<QByteArray>("answer");
+        QTest::addColumn<QString>("outcome");
+        const QByteArray head = "HTTP/1.1 206 X\r\nContent-Range: bytes 0-15/16\r\n";
+        const QByteArray chunked = head + "Transfer-Encoding: chunked\r\n\r\n";
+        // Status line, fields and the empty line together: 64 KiB exactly.
+        const QByteArray filled = head + "Content-Length: 16\r\nX-F: " + QByteArray(65536 - 75, 'f') + "\r\n";
+        QTest::newRow("chunks, hexadecimal sizes, a trailer")
+            << chunked + "a\r\n0123456789\r\n6;x=1\r\nabcdef\r\n0\r\nX-T: 1\r\n\r\n"
+            << "0123456789abcdef";
+        QTest::newRow("header block of 64 KiB") << filled + "\r\n0123456789abcdef"
+                                                << "0123456789abcdef";
+        QTest::newRow("one byte more") << filled + "g\r\n0123456789abcdef"
+                                       << "HTTP request failed (206): HTTP answer header exceeds 64 KiB";
+        QTest::newRow("closed before an answer")
+            << QByteArray() << "HTTP request failed (0): Connection closed before an answer";
+        QTest::newRow("closed within the body")
+            << head + "Content-Length: 16\r\n\r\n0123456789"
+            << "HTTP request failed (206): Connection closed before the answer was complete";
+        QTest::newRow("no status") << QByteArray("HTTP/1.1 abc\r\n\r\n")
+                                   << "HTTP request failed (0): Malformed HTTP answer";
+        QTest::newRow("chunk size not a number") << chunked + "zz\r\n"
+                                                 << "HTTP request failed (206): Malformed HTTP answer";
+    }
+    void wireAnswers()
+    {
+        QFETCH(QByteArray, answer);
+        FaultServer server([&](const FaultRequest &) { return FaultReply { answer }; });
+        QByteArray data;
+        const QString failure = failureOf([&] { data = reader->read(server.url("/o"), 0, 16).data; });
+        QTEST(failure.isEmpty() ? QString::fromLatin1(data) : failure, "outcome");
+    }
+
     // The caller's headers go where the caller sent them, not to another origin a redirect names; the reader's own
     // go everywhere.
     void callerHeadersStayWithTheirOrigin_data()
