@@ -3,6 +3,7 @@
 #include "transport/exchangelog.h"
 #include "transport/httpanswerparser.h"
 #include "transport/httptransfer.h"
+#include "transport/requestcheck.h"
 #include "transport/transportmessages.h"
 
 #include <QCoreApplication>
@@ -28,11 +29,6 @@ void requireApplicationObject()
         throw std::runtime_error(TransportMessages::noApplicationObject);
 }
 
-bool sameOrigin(const QUrl &first, const QUrl &second)
-{
-    return first.scheme() == second.scheme() && first.host() == second.host() && portOf(first) == portOf(second);
-}
-
 Answer failed(Answer answer, QNetworkReply::NetworkError error, const char *text)
 {
     answer.error = error;
@@ -46,7 +42,7 @@ Answer exchangeOnce(const Request &request)
     requireApplicationObject();
     const QDeadlineTimer deadline(request.timeoutMilliseconds);
     const QUrl callerOrigin = request.callerOrigin.isEmpty() ? request.url : request.callerOrigin;
-    Hop hop { request.url, request.method, request.body, sameOrigin(request.url, callerOrigin) };
+    Hop hop { request.url, request.method, request.body, RequestCheck::isSameOrigin(request.url, callerOrigin) };
     for (int redirects = 0;; ++redirects) {
         if (hop.url.scheme() != QLatin1String("http") && !isHttps(hop.url)) {
             return failed(Answer(), QNetworkReply::ProtocolUnknownError, TransportMessages::schemeUnsupported);
@@ -66,7 +62,7 @@ Answer exchangeOnce(const Request &request)
             hop.body.clear();
         }
         hop.url = target;
-        hop.withCallerHeaders = hop.withCallerHeaders && sameOrigin(target, callerOrigin);
+        hop.withCallerHeaders = hop.withCallerHeaders && RequestCheck::isSameOrigin(target, callerOrigin);
     }
 }
 

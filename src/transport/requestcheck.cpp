@@ -1,5 +1,6 @@
 #include "transport/requestcheck.h"
 
+#include "transport/httptransfer.h"
 #include "transport/transportmessages.h"
 
 #include <stdexcept>
@@ -33,9 +34,8 @@ void requireSendable(const QUrl &url, const QHash<QByteArray, QByteArray> &heade
 
 bool isSameOrigin(const QUrl &first, const QUrl &second)
 {
-    const int defaultPort = first.scheme() == QLatin1String("https") ? 443 : 80;
     return first.scheme() == second.scheme() && first.host() == second.host()
-        && first.port(defaultPort) == second.port(defaultPort);
+        && HttpExchange::portOf(first) == HttpExchange::portOf(second);
 }
 
 QUrl readLocation(const QUrl &given, const QUrl &inspected)
