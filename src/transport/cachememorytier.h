@@ -8,9 +8,7 @@
 #include <QHash>
 #include <QString>
 
-#include <array>
 #include <deque>
-#include <memory>
 
 namespace Norvane::Cloud {
 
@@ -34,37 +32,25 @@ public:
     qint64 evictions() const { return evicted; }
 
 private:
-    // A key as the table holds it: 32 bytes inside the table's node, so a lookup compares keys without following a
-    // pointer to their text. The reader's keys are 64 hexadecimal digits, held as their value; any other key is
-    // held as the SHA-256 digest of its text.
+    // The key with its hash: a lookup probing past other keys compares their hashes, held in the table, instead of
+    // reading their text from memory of its own.
     struct Key {
-        std::array<quint64, 4> digest {};
-        friend bool operator==(const Key &left, const Key &right) { return left.digest == right.digest; }
-        // The words are digest output already: one of them spreads the keys as well as any hash would.
-        friend size_t qHash(const Key &key, size_t seed) { return size_t(key.digest[0]) ^ seed; }
+        QString text;
+        size_t hash = 0;
+        friend bool operator==(const Key &left, const Key &right)
+        {
+            return left.hash == right.hash && left.text == right.text;
+        }
+        friend size_t qHash(const Key &key, size_t seed) { return key.hash ^ seed; }
     };
-    static Key keyOf(const QString &text);
+    static Key keyOf(const QString &text) { return { text, qHash(text, QHashSeed::globalSeed()) }; }
 
-    // The ETag, Last-Modified and Content-Type of a response. The ranges of one object carry the same values, so the
-    // entries share one copy: a hit copies arrays that the last hit touched too.
-    struct HeaderValues {
-        QByteArray etag;
-        QByteArray lastModified;
-        QByteArray contentType;
-    };
-
-    // A response as the tier holds it: the fields a hit copies, in as few cache lines as they fit.
     struct Entry {
-        QByteArray data;
-        qint64 offset = 0;
-        qint64 totalSize = -1;
+        CloudRangeResponse response;
         qint64 storedAtMilliseconds = 0;
         // The entry's last use in the recency order, larger is more recent: a hit writes here instead of relinking
         // list nodes spread over memory.
         quint64 lastUse = 0;
-        std::shared_ptr<const HeaderValues> headers;
-        qint32 statusCode = 0;
-        bool acceptsRanges = false;
     };
     struct Use {
         quint64 use;
@@ -72,8 +58,6 @@ private:
     };
 
     void touch(Entry &entry, const Key &key);
-    Entry entryOf(const CloudRangeResponse &response, qint64 storedAtMilliseconds);
-    std::shared_ptr<const HeaderValues> sharedHeaderValues(const CloudRangeResponse &response);
     void drop(QHash<Key, Entry>::iterator position);
     void trim();
     void compactUses();
@@ -86,9 +70,6 @@ private:
     // skips it, and the queue is rebuilt from the entries when stale records outnumber live ones.
     std::deque<Use> uses;
     quint64 useCount = 0;
-    // The header values the entries hold, one copy of each combination, by an unambiguous text of all three. A
-    // combination no entry holds any more is dropped whenever the use queue is compacted.
-    QHash<QByteArray, std::shared_ptr<const HeaderValues>> headerValues;
     qint64 heldBytes = 0;
     qint64 evicted = 0;
 };
