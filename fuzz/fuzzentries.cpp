@@ -11,6 +11,7 @@
 #include "formats/tiffheader.h"
 #include "stac/stacmessages.h"
 #include "transport/cachediskentry.h"
+#include "transport/httpanswerparser.h"
 
 #include <norvanecloud/formats.h>
 #include <norvanecloud/rangetransport.h>
@@ -286,6 +287,45 @@ void flatDocuments(const QByteArray &input)
             FlatMessages::headersNotObject, FlatMessages::searchRequestNotObject };
         expectDocumented(error, { expected[selector & 3] });
     }
+}
+
+// First byte: bit 0 a HEAD request; bits 1-2 how much body the caller takes (all, 16 bytes, nothing, 16 bytes of a
+// 206 only). Second byte: the size of the pieces the rest arrives in. Then the server closes the connection.
+void httpAnswer(const QByteArray &input)
+{
+    if (input.size() < 2)
+        return;
+    using namespace HttpExchange;
+    const quint8 selector = quint8(input.at(0));
+    const qsizetype piece = qsizetype(quint8(input.at(1))) + 1;
+    std::function<qint64(qint32)> taken;
+    switch ((selector >> 1) & 3) {
+    case 1:
+        taken = [](qint32) { return qint64(16); };
+        break;
+    case 2:
+        taken = [](qint32) { return qint64(0); };
+        break;
+    case 3:
+        taken = [](qint32 status) { return status == 206 ? qint64(16) : qint64(0); };
+        break;
+    default:
+        break;
+    }
+    AnswerParser parser(selector & 1 ? Method::Head : Method::Get, taken);
+    for (qsizetype at = 2; at < input.size() && !parser.isDone(); at += piece)
+        parser.take(input.mid(at, piece));
+    if (!parser.isDone())
+        parser.takeClose();
+    const Answer &answer = parser.answer();
+    if (!parser.isDone())
+        fail("the answer is not done after the connection closed");
+    if (answer.error != QNetworkReply::NoError && answer.errorText.isEmpty())
+        fail("an error without its text");
+    if (answer.statusCode != 0 && (answer.statusCode < 100 || answer.statusCode > 999))
+        fail("a status outside 100 to 999", QByteArray::number(answer.statusCode));
+    if (selector & 1 && !answer.body.isEmpty())
+        fail("a body in the answer to HEAD");
 }
 
 } // namespace Norvane::Cloud::Fuzzing

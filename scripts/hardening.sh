@@ -60,7 +60,7 @@ run_tsan() {
 make_seeds() {
     local seeds=$1 file
     rm -rf "$seeds"
-    mkdir -p "$seeds"/{tiffheader,cogstructure,pmtilesheader,itemcollection,cachediskentry,flatdocuments}
+    mkdir -p "$seeds"/{tiffheader,cogstructure,pmtilesheader,itemcollection,cachediskentry,flatdocuments,httpanswer}
     for file in tests/data/tiff/* tests/data/cogs/*.tif; do
         head -c 64 "$file" >"$seeds/tiffheader/$(basename "$file")"
         cp "$file" "$seeds/cogstructure/"
@@ -75,6 +75,7 @@ make_seeds() {
     printf '\000{"directory":"/tmp/x","maximumMemoryBytes":1024,"diskEnabled":false}' >"$seeds/flatdocuments/options"
     printf '\001{"Authorization":"Bearer token"}' >"$seeds/flatdocuments/headers"
     printf '\003{"collections":["naip"],"bbox":[-110,39,-105,41],"limit":2}' >"$seeds/flatdocuments/search"
+    cp fuzz/regressions/httpanswer/* "$seeds/httpanswer/"
 }
 
 run_fuzz() {
@@ -84,7 +85,7 @@ run_fuzz() {
         -DNORVANE_CLOUD_SANITIZERS="address;undefined" -DNORVANE_CLOUD_BUILD_FUZZERS=ON \
         -DNORVANE_CLOUD_BUILD_TESTS=OFF -DNORVANE_CLOUD_BUILD_TOOLS=OFF -DNORVANE_CLOUD_BUILD_EXAMPLES=OFF \
         -DNORVANE_CLOUD_WARNINGS_AS_ERRORS=ON
-    local targets=(tiffheader cogstructure pmtilesheader itemcollection cachediskentry flatdocuments)
+    local targets=(tiffheader cogstructure pmtilesheader itemcollection cachediskentry flatdocuments httpanswer)
     cmake --build "$build" -j "$jobs" --target "${targets[@]/#/fuzz_}"
     make_seeds "$build/seeds"
     local failed=0
