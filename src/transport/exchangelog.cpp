@@ -60,11 +60,12 @@ HttpExchange::Answer logged(
     QElapsedTimer clock;
     clock.start();
     HttpExchange::Answer answer = exchange(request);
-    qCInfo(exchangeCategory).noquote() << QString::fromLatin1(exchangeLine)
-                                              .arg(methodName(request.method), request.url.toString(), rangeOf(request),
-                                                  endingOf(answer))
-                                              .arg(answer.body.size())
-                                              .arg(clock.elapsed());
+    const QString line
+        = QString::fromLatin1(exchangeLine)
+              .arg(methodName(request.method), request.url.toString(), rangeOf(request), endingOf(answer))
+              .arg(answer.body.size())
+              .arg(clock.elapsed());
+    qCInfo(exchangeCategory, "%s", qUtf8Printable(line));
     return answer;
 }
 
@@ -73,7 +74,8 @@ void cacheHit(const QUrl &url, qint64 offset, qint64 length, qint64 bytes)
     if (!exchangeCategory().isInfoEnabled())
         return;
     const QString range = QStringLiteral(" bytes=%1-%2").arg(offset).arg(offset + length - 1);
-    qCInfo(exchangeCategory).noquote() << QString::fromLatin1(cacheHitLine).arg(url.toString(), range).arg(bytes);
+    qCInfo(exchangeCategory, "%s",
+        qUtf8Printable(QString::fromLatin1(cacheHitLine).arg(url.toString(), range).arg(bytes)));
 }
 
 } // namespace Norvane::Cloud::ExchangeLog
