@@ -173,6 +173,24 @@ qint64 numberIn(const QString &text, const QString &what, qint64 minimum, qint64
     throw UsageError(ToolMessages::numberOutOfRange.arg(what).arg(minimum).arg(maximum).arg(text), command);
 }
 
+qint64 numberAtLeast(const QString &text, const QString &what, qint64 minimum, const QString &command)
+{
+    return numberIn(text, what, minimum, std::numeric_limits<qint64>::max(), command);
+}
+
+ByteRangeArgument byteRangeArgument(const QString &offsetText,
+    const QString &lengthText,
+    const QString &offsetWhat,
+    const QString &lengthWhat,
+    const QString &command)
+{
+    const ByteRangeArgument range { numberAtLeast(offsetText, offsetWhat, 0, command),
+        numberAtLeast(lengthText, lengthWhat, 1, command) };
+    if (range.offset > std::numeric_limits<qint64>::max() - range.length)
+        throw UsageError(ToolMessages::rangeOverflows, command);
+    return range;
+}
+
 void requireWords(const Invocation &invocation, int count)
 {
     if (invocation.words.size() != count)

@@ -81,6 +81,21 @@ qint64 wholeNumber(const QString &text, const QString &what, const QString &comm
 /// A number outside the range is refused, never narrowed.
 qint64 numberIn(const QString &text, const QString &what, qint64 minimum, qint64 maximum, const QString &command);
 
+/// numberIn up to the largest 64-bit number.
+qint64 numberAtLeast(const QString &text, const QString &what, qint64 minimum, const QString &command);
+
+/// A byte range given as two texts: an offset of at least 0 and a length of at least 1 (named offsetWhat and
+/// lengthWhat in a UsageError), whose end lies within the largest 64-bit offset.
+struct ByteRangeArgument {
+    qint64 offset = 0;
+    qint64 length = 0;
+};
+ByteRangeArgument byteRangeArgument(const QString &offsetText,
+    const QString &lengthText,
+    const QString &offsetWhat,
+    const QString &lengthWhat,
+    const QString &command);
+
 /// Throws the UsageError "missing argument" or "too many arguments" unless the invocation has `count` words.
 void requireWords(const Invocation &invocation, int count);
 

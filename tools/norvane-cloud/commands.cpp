@@ -30,8 +30,6 @@ std::shared_ptr<CloudRangeCache> noStoringCache()
     return makeCache(nothingStored);
 }
 
-constexpr qint64 maximumOffset = std::numeric_limits<qint64>::max();
-
 // A path or a file: URL names a local file; other schemes go to the library, which names the ones it refuses.
 bool isLocalFile(const QString &location)
 {
@@ -131,11 +129,9 @@ CogByteRange parseRange(const QString &text, const QString &command)
     const QStringList parts = normalised.split(QLatin1Char(' '), Qt::SkipEmptyParts);
     if (parts.size() != 2)
         throw UsageError(ToolMessages::rangeMalformed.arg(text), command);
-    const CogByteRange range { numberIn(parts.at(0), QStringLiteral("range offset"), 0, maximumOffset, command),
-        numberIn(parts.at(1), QStringLiteral("range length"), 1, maximumOffset, command) };
-    if (range.offset > maximumOffset - range.length)
-        throw UsageError(ToolMessages::rangeOverflows, command);
-    return range;
+    const ByteRangeArgument range = byteRangeArgument(
+        parts.at(0), parts.at(1), QStringLiteral("range offset"), QStringLiteral("range length"), command);
+    return CogByteRange { range.offset, range.length };
 }
 
 QList<CogByteRange> rangesOf(const Invocation &invocation)
@@ -215,13 +211,11 @@ int probeCommand(const Invocation &invocation, Console &console)
 
 CogStructureResult structureOf(const QString &location, const GlobalOptions &global)
 {
-    const QUrl url = urlArgument(location);
-    // Other schemes go to the library, which names the ones it refuses.
-    if (url.isLocalFile() || url.scheme().isEmpty())
-        return CogSource::structureOfFile(url.isLocalFile() ? url.toLocalFile() : location);
+    if (isLocalFile(location))
+        return CogSource::structureOfFile(localPath(location));
     CogSource source(makeCache(global));
     source.rangeReader().setTimeoutMilliseconds(global.timeoutMilliseconds);
-    return source.structure(url, global.headers);
+    return source.structure(urlArgument(location), global.headers);
 }
 
 int printLayoutVerdict(QTextStream &out, const CogStructureResult &structure)
@@ -274,8 +268,8 @@ int viewportCommand(const Invocation &invocation, Console &console)
         throw UsageError(ToolMessages::noRanges, invocation.command);
     request.headers = invocation.global.headers;
     if (invocation.has(QStringLiteral("gap")))
-        request.coalesceGap = numberIn(
-            invocation.value(QStringLiteral("gap")), QStringLiteral("--gap"), 0, maximumOffset, invocation.command);
+        request.coalesceGap
+            = numberAtLeast(invocation.value(QStringLiteral("gap")), QStringLiteral("--gap"), 0, invocation.command);
     if (invocation.has(QStringLiteral("level")))
         request.overviewLevel = int(numberIn(invocation.value(QStringLiteral("level")), QStringLiteral("--level"), -1,
             std::numeric_limits<int>::max(), invocation.command));

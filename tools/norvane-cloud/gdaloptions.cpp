@@ -8,7 +8,6 @@
 #include <QRegularExpression>
 
 #include <algorithm>
-#include <limits>
 
 namespace NorvaneCloudTool {
 
@@ -100,8 +99,8 @@ int gdalOptionsCommand(const Invocation &invocation, Console &console)
 {
     if (invocation.words.size() > 2)
         requireWords(invocation, 2);
-    const qint64 cacheSize = numberIn(invocation.value(QStringLiteral("cache-size"), QStringLiteral("268435456")),
-        QStringLiteral("--cache-size"), 1, std::numeric_limits<qint64>::max(), invocation.command);
+    const qint64 cacheSize = numberAtLeast(invocation.value(QStringLiteral("cache-size"), QStringLiteral("268435456")),
+        QStringLiteral("--cache-size"), 1, invocation.command);
     const QString location = invocation.words.value(1);
     console.out << gdalConfigPairs(gdalAccessOptions(location, invocation.global, cacheSize)).join(QLatin1Char(' '))
                 << '\n';

@@ -2,7 +2,6 @@
 
 #include "toolmessages.h"
 
-
 #include <stdexcept>
 
 namespace NorvaneCloudTool {

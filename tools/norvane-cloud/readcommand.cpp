@@ -7,7 +7,6 @@
 #include <QSaveFile>
 
 #include <algorithm>
-#include <limits>
 
 namespace NorvaneCloudTool {
 
@@ -15,17 +14,16 @@ using namespace Norvane::Cloud;
 
 namespace {
 
-constexpr qint64 maximumOffset = std::numeric_limits<qint64>::max();
 constexpr qint64 defaultChunkBytes = 8 * 1024 * 1024;
 
 CloudRangeRequest rangeRequestOf(const Invocation &invocation)
 {
     CloudRangeRequest request;
     request.url = httpUrlArgument(invocation.words.at(1), QStringLiteral("URL"), invocation.command);
-    request.offset = numberIn(invocation.words.at(2), QStringLiteral("OFFSET"), 0, maximumOffset, invocation.command);
-    request.length = numberIn(invocation.words.at(3), QStringLiteral("LENGTH"), 1, maximumOffset, invocation.command);
-    if (request.offset > maximumOffset - request.length)
-        throw UsageError(ToolMessages::rangeOverflows, invocation.command);
+    const ByteRangeArgument range = byteRangeArgument(invocation.words.at(2), invocation.words.at(3),
+        QStringLiteral("OFFSET"), QStringLiteral("LENGTH"), invocation.command);
+    request.offset = range.offset;
+    request.length = range.length;
     request.headers = invocation.global.headers;
     request.useCache = !invocation.global.noCache;
     return request;
@@ -93,8 +91,8 @@ int readCommand(const Invocation &invocation, Console &console)
     requireWords(invocation, 4);
     const CloudRangeRequest request = rangeRequestOf(invocation);
     const qint64 chunkBytes
-        = numberIn(invocation.value(QStringLiteral("chunk-size"), QString::number(defaultChunkBytes)),
-            QStringLiteral("--chunk-size"), 1, maximumOffset, invocation.command);
+        = numberAtLeast(invocation.value(QStringLiteral("chunk-size"), QString::number(defaultChunkBytes)),
+            QStringLiteral("--chunk-size"), 1, invocation.command);
     HttpRangeReader reader(makeCache(invocation.global));
     reader.setTimeoutMilliseconds(invocation.global.timeoutMilliseconds);
 

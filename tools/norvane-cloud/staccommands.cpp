@@ -139,8 +139,8 @@ int stacSearchCommand(const Invocation &invocation, Console &console)
 {
     requireWords(invocation, 3);
     const StacSearchRequest request = searchRequestOf(invocation);
-    const qint64 maximumPages = numberIn(invocation.value(QStringLiteral("max-pages"), QStringLiteral("1")),
-        QStringLiteral("--max-pages"), 1, std::numeric_limits<qint64>::max(), invocation.command);
+    const qint64 maximumPages = numberAtLeast(invocation.value(QStringLiteral("max-pages"), QStringLiteral("1")),
+        QStringLiteral("--max-pages"), 1, invocation.command);
     const std::unique_ptr<StacClient> client = stacClientFor(invocation);
     const FetchedPages fetched = fetchPages(*client, request, maximumPages, console);
     printPages(fetched.pages, invocation.has(QStringLiteral("json")), console.out);

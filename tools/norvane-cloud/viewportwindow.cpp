@@ -45,8 +45,8 @@ CogViewportRequest requestOf(const Invocation &invocation, ProgressBar &bar)
     CogViewportRequest request;
     request.headers = invocation.global.headers;
     if (invocation.has(QStringLiteral("gap")))
-        request.coalesceGap = numberIn(invocation.value(QStringLiteral("gap")), QStringLiteral("--gap"), 0,
-            std::numeric_limits<qint64>::max(), invocation.command);
+        request.coalesceGap
+            = numberAtLeast(invocation.value(QStringLiteral("gap")), QStringLiteral("--gap"), 0, invocation.command);
     request.context.progressSink = [&bar](const Norvane::Core::Operations::OperationProgress &progress) {
         bar.show(progress.percent, progress.completed, progress.total, progress.message);
     };
