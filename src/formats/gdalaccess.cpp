@@ -1,6 +1,7 @@
 #include "formats/gdalaccess.h"
 
 #include "formats/formatsmessages.h"
+#include "transport/requestcheck.h"
 
 #include <QFileInfo>
 
@@ -10,10 +11,7 @@ namespace Norvane::Cloud {
 
 bool isHttpUrl(const QUrl &url)
 {
-    if (!url.isValid())
-        return false;
-    const QString scheme = url.scheme();
-    return scheme == QLatin1String("http") || scheme == QLatin1String("https");
+    return url.isValid() && RequestCheck::usesHttp(url);
 }
 
 bool isRemoteLocation(const QString &location)

@@ -1,5 +1,7 @@
 #include "transport/exchangelog.h"
 
+#include "transport/httptransfer.h"
+
 #include <QElapsedTimer>
 
 namespace Norvane::Cloud::ExchangeLog {
@@ -16,19 +18,6 @@ constexpr char timedOut[] = "timed out";
 constexpr char cancelled[] = "cancelled";
 // %1 the network library's error text: no status arrived.
 constexpr char failed[] = "failed (%1)";
-
-QString methodName(HttpExchange::Method method)
-{
-    switch (method) {
-    case HttpExchange::Method::Head:
-        return QStringLiteral("HEAD");
-    case HttpExchange::Method::Post:
-        return QStringLiteral("POST");
-    case HttpExchange::Method::Get:
-        break;
-    }
-    return QStringLiteral("GET");
-}
 
 QString rangeOf(const HttpExchange::Request &request)
 {
@@ -60,11 +49,11 @@ HttpExchange::Answer logged(
     QElapsedTimer clock;
     clock.start();
     HttpExchange::Answer answer = exchange(request);
-    const QString line
-        = QString::fromLatin1(exchangeLine)
-              .arg(methodName(request.method), request.url.toString(), rangeOf(request), endingOf(answer))
-              .arg(answer.body.size())
-              .arg(clock.elapsed());
+    const QString line = QString::fromLatin1(exchangeLine)
+                             .arg(QString::fromLatin1(HttpExchange::methodName(request.method)), request.url.toString(),
+                                 rangeOf(request), endingOf(answer))
+                             .arg(answer.body.size())
+                             .arg(clock.elapsed());
     qCInfo(exchangeCategory, "%s", qUtf8Printable(line));
     return answer;
 }

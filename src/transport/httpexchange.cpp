@@ -44,7 +44,7 @@ Answer exchangeOnce(const Request &request)
     const QUrl callerOrigin = request.callerOrigin.isEmpty() ? request.url : request.callerOrigin;
     Hop hop { request.url, request.method, request.body, RequestCheck::isSameOrigin(request.url, callerOrigin) };
     for (int redirects = 0;; ++redirects) {
-        if (hop.url.scheme() != QLatin1String("http") && !isHttps(hop.url)) {
+        if (!RequestCheck::usesHttp(hop.url)) {
             return failed(Answer(), QNetworkReply::ProtocolUnknownError, TransportMessages::schemeUnsupported);
         }
         auto [answer, location] = transfer(request, hop, deadline);

@@ -32,19 +32,6 @@ void setField(Fields &fields, const QByteArray &name, const QByteArray &value)
     fields.append({ name, value });
 }
 
-QByteArray methodName(Method method)
-{
-    switch (method) {
-    case Method::Head:
-        return QByteArrayLiteral("HEAD");
-    case Method::Post:
-        return QByteArrayLiteral("POST");
-    case Method::Get:
-        break;
-    }
-    return QByteArrayLiteral("GET");
-}
-
 // The HTTP proxy that plain HTTP to url goes through, as the application's proxy settings say; a proxy of no type
 // when there is none. HTTPS and other kinds of proxy are the socket's own business: it tunnels through them.
 QNetworkProxy plainHttpProxy(const QUrl &url)
@@ -253,6 +240,19 @@ quint16 portOf(const QUrl &url)
 HopAnswer transfer(const Request &request, const Hop &hop, const QDeadlineTimer &deadline)
 {
     return Transfer(request, hop, deadline).run();
+}
+
+QByteArray methodName(Method method)
+{
+    switch (method) {
+    case Method::Head:
+        return QByteArrayLiteral("HEAD");
+    case Method::Post:
+        return QByteArrayLiteral("POST");
+    case Method::Get:
+        break;
+    }
+    return QByteArrayLiteral("GET");
 }
 
 } // namespace Norvane::Cloud::HttpExchange

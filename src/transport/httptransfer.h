@@ -11,6 +11,8 @@
 
 namespace Norvane::Cloud::HttpExchange {
 
+/// The method's name on the request line: "GET", "HEAD" or "POST".
+QByteArray methodName(Method method);
 bool isHttps(const QUrl &url);
 /// The URL's port, or the default port of its scheme.
 quint16 portOf(const QUrl &url);

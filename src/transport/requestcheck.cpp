@@ -18,9 +18,7 @@ bool endsLineEarly(const QByteArray &text)
 
 void requireSendable(const QUrl &url, const QHash<QByteArray, QByteArray> &headers)
 {
-    // QUrl keeps schemes in lower case, so every spelling of the two passes.
-    const QString scheme = url.scheme();
-    if (scheme != QLatin1String("http") && scheme != QLatin1String("https"))
+    if (!usesHttp(url))
         throw std::invalid_argument(TransportMessages::urlSchemeNotHttp);
     for (auto header = headers.constBegin(); header != headers.constEnd(); ++header) {
         if (header.key().isEmpty())
@@ -30,6 +28,12 @@ void requireSendable(const QUrl &url, const QHash<QByteArray, QByteArray> &heade
         if (endsLineEarly(header.value()))
             throw std::invalid_argument(TransportMessages::headerValueBreaksLine);
     }
+}
+
+bool usesHttp(const QUrl &url)
+{
+    // QUrl keeps schemes in lower case, so every spelling of the two passes.
+    return url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https");
 }
 
 bool isSameOrigin(const QUrl &first, const QUrl &second)

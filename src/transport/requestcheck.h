@@ -10,6 +10,9 @@
 
 namespace Norvane::Cloud::RequestCheck {
 
+/// Whether the URL's scheme is http or https, the only ones that leave the library.
+bool usesHttp(const QUrl &url);
+
 /// Throws std::invalid_argument "Cloud URL must use HTTP or HTTPS" for any other scheme, then "HTTP header name is
 /// empty", "HTTP header name contains CR, LF or NUL" or "HTTP header value contains CR, LF or NUL" for the first
 /// header that breaks the rule.
