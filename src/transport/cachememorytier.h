@@ -2,13 +2,22 @@
 
 // The memory tier of the range cache: responses by key, bounded by their bytes, the least recently used dropped
 // first. Not thread-safe: the cache that owns it holds its mutex around every call.
+//
+// Laid out for hits in a tier of tens of thousands of entries, where the table, the entries and the data buffers
+// no longer fit the processor's caches: the entries live side by side in one array, found through a table of
+// small slots, and a key of 64 lowercase hexadecimal digits (every key the reader makes) is held as its 32 bytes
+// inside the entry. A hit reads one slot, and then its entry and the start of its data buffer, which every copy
+// of the buffer writes, at once; the response's header values are shared between entries, so they are warm.
 
 #include <norvanecloud/rangetransport.h>
 
-#include <QHash>
+#include "transport/largepageallocator.h"
+
 #include <QString>
 
+#include <array>
 #include <deque>
+#include <vector>
 
 namespace Norvane::Cloud {
 
@@ -32,46 +41,80 @@ public:
     qint64 evictions() const { return evicted; }
 
 private:
-    // The key with its hash: a lookup probing past other keys compares their hashes, held in the table, instead of
-    // reading their text from memory of its own.
+    // 64 lowercase hexadecimal digits as their 32 bytes; any other key as its text, with digits zero.
     struct Key {
+        std::array<quint64, 4> digits {};
+        quint64 hash = 0;
         QString text;
-        size_t hash = 0;
-        friend bool operator==(const Key &left, const Key &right)
+        bool byText = false;
+        bool operator==(const Key &other) const
         {
-            return left.hash == right.hash && left.text == right.text;
+            const quint64 differing = (digits[0] ^ other.digits[0]) | (digits[1] ^ other.digits[1])
+                | (digits[2] ^ other.digits[2]) | (digits[3] ^ other.digits[3]);
+            return hash == other.hash && differing == 0 && byText == other.byText && (!byText || text == other.text);
         }
-        friend size_t qHash(const Key &key, size_t seed) { return key.hash ^ seed; }
     };
-    static Key keyOf(const QString &text) { return { text, qHash(text, QHashSeed::globalSeed()) }; }
+    Key keyOf(const QString &text) const;
 
-    struct Entry {
-        CloudRangeResponse response;
-        qint64 storedAtMilliseconds = 0;
-        // The entry's last use in the recency order, larger is more recent: a hit writes here instead of relinking
-        // list nodes spread over memory.
+    // What a hit reads, in four whole cache lines of their own.
+    struct alignas(64) Entry {
+        Key key;
+        // The entry's last use in the recency order, larger is more recent; 0 for a free entry. A hit writes here
+        // instead of relinking list nodes spread over memory.
         quint64 lastUse = 0;
+        qint64 storedAtMilliseconds = 0;
+        CloudRangeResponse response;
     };
     struct Use {
         quint64 use;
-        Key key;
+        quint32 entry;
     };
+    static constexpr quint32 noEntry = ~quint32(0);
 
-    void touch(Entry &entry, const Key &key);
-    void drop(QHash<Key, Entry>::iterator position);
+    quint32 find(const Key &key) const;
+    quint32 insert(const Key &key);
+    void drop(quint32 index);
+    void touch(quint32 index);
     void trim();
     void compactUses();
+    void shareHeaderValues(CloudRangeResponse &stored);
+    struct HeaderValues {
+        QByteArray etag;
+        QByteArray lastModified;
+        QByteArray contentType;
+    };
+
+    // The table: a power-of-two number of slots probed linearly. A slot's key word is 0 when the slot is free, or
+    // else the entry's index plus one in its low half and the upper half of the key's hash in its high half; the
+    // probe starts where that upper half points, so probing past other keys, and closing the gap a removal leaves,
+    // read only the table. The slot also holds where the entry's data buffer begins: a hit asks the processor for
+    // that line and for the entry at once, instead of learning the one from the other.
+    struct Slot {
+        quint64 keyWord = 0;
+        const void *dataStart = nullptr;
+    };
+    void growTable();
+    void placeInTable(quint64 hash, quint32 index);
+    Slot &slotOf(quint64 hash, quint32 index);
+    void removeFromTable(quint64 hash, quint32 index);
 
     bool enabled;
+    quint64 seed;
     qint64 maximumBytes;
     qint64 maximumAgeSeconds;
-    QHash<Key, Entry> entries;
+    std::vector<Slot, LargePageAllocator<Slot>> table;
+    std::vector<Entry, LargePageAllocator<Entry>> entries;
+    std::vector<quint32> freeEntries;
+    qsizetype liveEntries = 0;
     // Every use of an entry, oldest first. A record whose use is no longer its entry's last is stale: the trim
-    // skips it, and the queue is rebuilt from the entries when stale records outnumber live ones.
+    // skips it, and stale records are dropped when they outnumber live ones.
     std::deque<Use> uses;
     quint64 useCount = 0;
     qint64 heldBytes = 0;
     qint64 evicted = 0;
+    // The header values stored last: the ranges of one object share its values, and a hit copying shared values
+    // reads one buffer the processor already holds instead of three of every entry's own.
+    HeaderValues lastHeaderValues;
 };
 
 } // namespace Norvane::Cloud

@@ -408,7 +408,7 @@ private slots:
         QCOMPARE(server.requests().constLast().header("User-Agent"), QByteArray("Norvane.Cloud/1"));
     }
 
-    // The memory tier holds 64-digit keys by their value and others by a digest: no two keys may share an entry.
+    // The memory tier holds 64-digit keys by their value and others by their text: no two keys may share an entry.
     void keysKeepTheirOwnEntries_data()
     {
         QTest::addColumn<QString>("first");
@@ -417,7 +417,12 @@ private slots:
         QTest::newRow("a letter past f") << QStringLiteral("g000") + zeros << QStringLiteral("0100") + zeros;
         QTest::newRow("upper and lower case") << QStringLiteral("A000") + zeros << QStringLiteral("a000") + zeros;
         QTest::newRow("the last digit") << QStringLiteral("0000") + zeros << zeros + QStringLiteral("0001");
+        QTest::newRow("a pair's digits swapped") << QStringLiteral("1000") + zeros << QStringLiteral("0100") + zeros;
         QTest::newRow("63 digits and 64") << QStringLiteral("000") + zeros << QStringLiteral("0000") + zeros;
+        // U+0130: its low byte is the digit 0.
+        QTest::newRow("a unit above 255")
+            << QChar(0x130) + QStringLiteral("000") + zeros << QStringLiteral("0000") + zeros;
+        QTest::newRow("no key and 64 zeros") << QString() << QStringLiteral("0000") + zeros;
     }
     void keysKeepTheirOwnEntries()
     {
@@ -491,6 +496,53 @@ private slots:
         }
         QCOMPARE(seen.join(u' '), gets);
         QCOMPARE(counters(tiers->statistics()).mid(0, 7), expected);
+    }
+
+    // Thousands of puts, gets and removes over a few hundred keys, against a list kept least recent first: the
+    // memory tier must agree on every hit, on the bytes served, on its bytes and on its evictions, however its
+    // table's runs of neighbouring keys shift as entries come and go.
+    void memoryTierAgreesWithARecencyList()
+    {
+        constexpr qint64 limit = 3000;
+        auto cache = makeCache(dir(), limit, 0);
+        QList<QString> keys;
+        for (int index = 0; index < 300; ++index) {
+            const QByteArray digits = QCryptographicHash::hash(QByteArray::number(index), QCryptographicHash::Sha256);
+            keys << (index % 10 ? QString::fromLatin1(digits.toHex()) : QStringLiteral("text %1").arg(index));
+        }
+        QList<QPair<QString, QByteArray>> recency;
+        qint64 bytes = 0;
+        qint64 evictions = 0;
+        QRandomGenerator random(7);
+        CloudRangeResponse response;
+        for (int step = 0; step < 20000; ++step) {
+            const QString &key = keys.at(int(random.bounded(keys.size())));
+            const auto held
+                = std::find_if(recency.begin(), recency.end(), [&](const auto &entry) { return entry.first == key; });
+            const QByteArray heldData = held == recency.end() ? QByteArray() : held->second;
+            if (held != recency.end()) {
+                bytes -= heldData.size();
+                recency.erase(held);
+            }
+            const quint32 action = random.bounded(10);
+            if (action < 4) {
+                const QByteArray data(1 + random.bounded(60), char('a' + step % 26));
+                cache->put(key, diskResponse(data));
+                recency.append({ key, data });
+                for (bytes += data.size(); bytes > limit; ++evictions)
+                    bytes -= recency.takeFirst().second.size();
+            } else if (action < 9) {
+                QCOMPARE(cache->get(key, response) ? response.data : QByteArray(), heldData);
+                if (!heldData.isNull()) {
+                    recency.append({ key, heldData });
+                    bytes += heldData.size();
+                }
+            } else {
+                cache->remove(key);
+            }
+        }
+        const CloudCacheStatistics statistics = cache->statistics();
+        QCOMPARE(QList<qint64>({ statistics.memoryBytes, statistics.evictions }), QList<qint64>({ bytes, evictions }));
     }
 
     void entryFileServedOrDeleted_data()
