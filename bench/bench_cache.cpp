@@ -16,6 +16,7 @@
 #include <QTemporaryDir>
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <vector>
@@ -86,6 +87,28 @@ void memoryHit(benchmark::State &state)
     }
     if (tier.cache->statistics().misses != 0)
         state.SkipWithError("a hit missed");
+}
+
+// What a hit cannot avoid: copying a QByteArray writes the reference count at the start of its buffer. Here the
+// copies alone, of buffers allocated as the tier's are, each copy waiting for the one before (every buffer names
+// the next one in its first bytes), so that no two misses of the processor's caches overlap.
+void bufferCopyChain(benchmark::State &state)
+{
+    const int count = int(state.range(0));
+    std::vector<QByteArray> buffers;
+    for (int index = 0; index < count; ++index)
+        buffers.push_back(responseOf(index, entryBytes).data);
+    const std::vector<int> order = shuffledIndexes(count);
+    for (int position = 0; position < count; ++position) {
+        const qint32 next = order[(position + 1) % count];
+        std::memcpy(buffers[order[position]].data(), &next, sizeof next);
+    }
+    qint32 next = order[0];
+    for (auto _ : state) {
+        const QByteArray copy = buffers[next];
+        std::memcpy(&next, copy.constData(), sizeof next);
+        benchmark::DoNotOptimize(copy);
+    }
 }
 
 void memoryPutIntoFullTier(benchmark::State &state)
@@ -215,6 +238,7 @@ void diskPutOverLimit(benchmark::State &state)
 } // namespace
 
 BENCHMARK(memoryHit)->Arg(64)->Arg(4096)->Arg(65536);
+BENCHMARK(bufferCopyChain)->Arg(64)->Arg(65536);
 BENCHMARK(memoryPutIntoFullTier);
 BENCHMARK(diskHit);
 // 1000 stores each, so a trim that lists the folder now and then is amortized over the same number of stores.
