@@ -54,6 +54,18 @@ const QStringList &entryFilePatterns()
     return patterns;
 }
 
+constexpr QLatin1String storeFileSuffix(".part");
+
+// A store writes a temporary file named by six random characters and renames it over the entry; a process that
+// ends between the two leaves the temporary file behind, uncounted. No store takes an hour.
+bool isAbandonedStoreFile(const QFileInfo &info, qint64 nowMilliseconds)
+{
+    constexpr qint64 hourMilliseconds = 3600 * 1000;
+    const QString name = info.fileName();
+    return name.size() == 6 + storeFileSuffix.size() && name.endsWith(storeFileSuffix)
+        && nowMilliseconds - info.lastModified().toMSecsSinceEpoch() > hourMilliseconds;
+}
+
 constexpr QDir::Filters entryFileFilters = QDir::Files | QDir::Hidden | QDir::NoSymLinks;
 
 // Other programs' files may end in ".nvc" too: only a key's entry name belongs to the tier.
@@ -109,10 +121,13 @@ EntryOpening openEntryFile(const QString &path, QFile &file)
 std::vector<CacheDiskTier::EntryFile> CacheDiskTier::listEntryFiles(const QString &folder)
 {
     std::vector<EntryFile> files;
-    QDirIterator iterator(folder, entryFilePatterns(), entryFileFilters);
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    QDirIterator iterator(folder, entryFilePatterns() + QStringList { QStringLiteral("*.part") }, entryFileFilters);
     while (iterator.hasNext()) {
         iterator.next();
         const QFileInfo info = iterator.fileInfo();
+        if (isAbandonedStoreFile(info, now))
+            QFile::remove(info.filePath());
         if (!isEntryFileName(info.fileName()))
             continue;
         files.push_back({ info.filePath(), info.fileName(), info.size(), info.lastModified().toMSecsSinceEpoch() });
