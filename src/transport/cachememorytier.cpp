@@ -104,6 +104,7 @@ CacheMemoryTier::CacheMemoryTier(const CloudCacheOptions &options)
     , maximumBytes(options.maximumMemoryBytes)
     , maximumAgeSeconds(options.maximumAgeSeconds)
 {
+    static_assert(sizeof(Entry) == 128, "a hit reads two cache lines of its entry");
 }
 
 CacheMemoryTier::Key CacheMemoryTier::keyOf(const QString &text) const
@@ -135,8 +136,7 @@ bool CacheMemoryTier::read(const QString &key, qint64 nowMilliseconds, CloudRang
         return false;
     }
     touch(index);
-    response = entries[index].response;
-    response.fromCache = true;
+    copyOut(entries[index], response);
     return true;
 }
 
@@ -146,19 +146,50 @@ bool CacheMemoryTier::write(const QString &key, const CloudRangeResponse &respon
         return false;
     const Key hashed = keyOf(key);
     quint32 index = find(hashed);
-    if (index == noEntry)
+    if (index == noEntry) {
         index = insert(hashed);
-    else
-        heldBytes -= entries[index].response.data.size();
+    } else {
+        heldBytes -= entries[index].data.size();
+        releaseHeaderValues(entries[index].headerValues);
+    }
     Entry &entry = entries[index];
-    entry.response = response;
-    shareHeaderValues(entry.response);
-    slotOf(hashed.hash, index).dataStart = referenceCountOf(entry.response.data);
+    store(entry, response);
     entry.storedAtMilliseconds = storedAtMilliseconds;
-    heldBytes += response.data.size();
+    slotOf(entry.tag, index).dataStart = referenceCountOf(entry.data);
+    heldBytes += entry.data.size();
     touch(index);
     trim();
     return true;
+}
+
+void CacheMemoryTier::store(Entry &entry, const CloudRangeResponse &response)
+{
+    entry.data = response.data;
+    entry.offset = response.offset;
+    entry.totalSize = response.totalSize;
+    entry.statusCode = response.statusCode;
+    entry.headerValues = shareHeaderValues(response);
+    entry.acceptsRanges = response.acceptsRanges;
+}
+
+// Assigning only what differs: the caller's response often holds the header values of the hit before, the same
+// shared arrays, and assigning those again would only count their references up and down.
+void CacheMemoryTier::copyOut(const Entry &entry, CloudRangeResponse &response) const
+{
+    const auto assign = [](QByteArray &target, const QByteArray &value) {
+        if (!target.isSharedWith(value) || target.isNull() != value.isNull())
+            target = value;
+    };
+    const HeaderValues &values = headerValues[entry.headerValues];
+    response.data = entry.data;
+    response.offset = entry.offset;
+    response.totalSize = entry.totalSize;
+    response.statusCode = entry.statusCode;
+    assign(response.etag, values.etag);
+    assign(response.lastModified, values.lastModified);
+    assign(response.contentType, values.contentType);
+    response.acceptsRanges = entry.acceptsRanges;
+    response.fromCache = true;
 }
 
 void CacheMemoryTier::remove(const QString &key)
@@ -176,7 +207,9 @@ void CacheMemoryTier::clear()
     liveEntries = 0;
     uses.clear();
     heldBytes = 0;
-    lastHeaderValues = {};
+    headerValues.clear();
+    freeHeaderValues.clear();
+    lastHeaderValues = noEntry;
 }
 
 quint32 CacheMemoryTier::find(const Key &key) const
@@ -184,7 +217,7 @@ quint32 CacheMemoryTier::find(const Key &key) const
     if (table.empty())
         return noEntry;
     const quint64 mask = table.size() - 1;
-    const quint64 tag = key.hash >> 32;
+    const quint32 tag = key.tag();
     for (quint64 position = tag & mask;; position = (position + 1) & mask) {
         const Slot &slot = table[position];
         if (slot.keyWord == 0)
@@ -197,7 +230,7 @@ quint32 CacheMemoryTier::find(const Key &key) const
             prefetch(entry + line);
         if (slot.dataStart)
             prefetch(slot.dataStart);
-        if (entries[index].key == key)
+        if (entries[index].holds(key))
             return index;
     }
 }
@@ -214,8 +247,12 @@ quint32 CacheMemoryTier::insert(const Key &key)
         index = freeEntries.back();
         freeEntries.pop_back();
     }
-    entries[index].key = key;
-    placeInTable(key.hash, index);
+    Entry &entry = entries[index];
+    entry.digits = key.digits;
+    entry.text = key.text;
+    entry.byText = key.byText;
+    entry.tag = key.tag();
+    placeInTable(entry.tag, index);
     ++liveEntries;
     return index;
 }
@@ -223,8 +260,9 @@ quint32 CacheMemoryTier::insert(const Key &key)
 void CacheMemoryTier::drop(quint32 index)
 {
     Entry &entry = entries[index];
-    removeFromTable(entry.key.hash, index);
-    heldBytes -= entry.response.data.size();
+    removeFromTable(entry.tag, index);
+    heldBytes -= entry.data.size();
+    releaseHeaderValues(entry.headerValues);
     entry = Entry {};
     freeEntries.push_back(index);
     --liveEntries;
@@ -257,17 +295,41 @@ void CacheMemoryTier::trim()
     }
 }
 
-void CacheMemoryTier::shareHeaderValues(CloudRangeResponse &stored)
+quint32 CacheMemoryTier::shareHeaderValues(const CloudRangeResponse &response)
 {
-    const auto share = [](QByteArray &value, QByteArray &last) {
-        if (value == last)
-            value = last;
-        else
-            last = value;
+    const auto same = [](const QByteArray &left, const QByteArray &right) {
+        return left == right && left.isNull() == right.isNull();
     };
-    share(stored.etag, lastHeaderValues.etag);
-    share(stored.lastModified, lastHeaderValues.lastModified);
-    share(stored.contentType, lastHeaderValues.contentType);
+    if (lastHeaderValues != noEntry) {
+        HeaderValues &last = headerValues[lastHeaderValues];
+        if (same(last.etag, response.etag) && same(last.lastModified, response.lastModified)
+            && same(last.contentType, response.contentType)) {
+            ++last.users;
+            return lastHeaderValues;
+        }
+    }
+    quint32 number;
+    if (freeHeaderValues.empty()) {
+        number = quint32(headerValues.size());
+        headerValues.emplace_back();
+    } else {
+        number = freeHeaderValues.back();
+        freeHeaderValues.pop_back();
+    }
+    headerValues[number] = { response.etag, response.lastModified, response.contentType, 1 };
+    lastHeaderValues = number;
+    return number;
+}
+
+void CacheMemoryTier::releaseHeaderValues(quint32 number)
+{
+    HeaderValues &values = headerValues[number];
+    if (--values.users != 0)
+        return;
+    values = HeaderValues {};
+    freeHeaderValues.push_back(number);
+    if (lastHeaderValues == number)
+        lastHeaderValues = noEntry;
 }
 
 void CacheMemoryTier::growTable()
@@ -276,34 +338,34 @@ void CacheMemoryTier::growTable()
     for (quint32 index = 0; index < entries.size(); ++index) {
         const Entry &entry = entries[index];
         if (entry.lastUse != 0) {
-            placeInTable(entry.key.hash, index);
-            slotOf(entry.key.hash, index).dataStart = referenceCountOf(entry.response.data);
+            placeInTable(entry.tag, index);
+            slotOf(entry.tag, index).dataStart = referenceCountOf(entry.data);
         }
     }
 }
 
-void CacheMemoryTier::placeInTable(quint64 hash, quint32 index)
+void CacheMemoryTier::placeInTable(quint32 tag, quint32 index)
 {
     const quint64 mask = table.size() - 1;
-    quint64 position = (hash >> 32) & mask;
+    quint64 position = tag & mask;
     while (table[position].keyWord != 0)
         position = (position + 1) & mask;
-    table[position] = { (hash >> 32) << 32 | (quint64(index) + 1), nullptr };
+    table[position] = { quint64(tag) << 32 | (quint64(index) + 1), nullptr };
 }
 
-CacheMemoryTier::Slot &CacheMemoryTier::slotOf(quint64 hash, quint32 index)
+CacheMemoryTier::Slot &CacheMemoryTier::slotOf(quint32 tag, quint32 index)
 {
     const quint64 mask = table.size() - 1;
-    quint64 position = (hash >> 32) & mask;
+    quint64 position = tag & mask;
     while (quint32(table[position].keyWord) != index + 1)
         position = (position + 1) & mask;
     return table[position];
 }
 
-void CacheMemoryTier::removeFromTable(quint64 hash, quint32 index)
+void CacheMemoryTier::removeFromTable(quint32 tag, quint32 index)
 {
     const quint64 mask = table.size() - 1;
-    quint64 hole = quint64(&slotOf(hash, index) - table.data());
+    quint64 hole = quint64(&slotOf(tag, index) - table.data());
     // Later slots of the run move back into the hole when the hole lies between their home and them, so that no
     // key is ever separated from its home by a free slot.
     for (quint64 next = (hole + 1) & mask; table[next].keyWord != 0; next = (next + 1) & mask) {

@@ -47,23 +47,33 @@ private:
         quint64 hash = 0;
         QString text;
         bool byText = false;
-        bool operator==(const Key &other) const
-        {
-            const quint64 differing = (digits[0] ^ other.digits[0]) | (digits[1] ^ other.digits[1])
-                | (digits[2] ^ other.digits[2]) | (digits[3] ^ other.digits[3]);
-            return hash == other.hash && differing == 0 && byText == other.byText && (!byText || text == other.text);
-        }
+        quint32 tag() const { return quint32(hash >> 32); }
     };
     Key keyOf(const QString &text) const;
 
-    // What a hit reads, in four whole cache lines of their own.
+    // What a hit reads, in two whole cache lines of their own: the response's header values live apart, shared
+    // by the entries that have the same.
     struct alignas(64) Entry {
-        Key key;
+        std::array<quint64, 4> digits {};
         // The entry's last use in the recency order, larger is more recent; 0 for a free entry. A hit writes here
         // instead of relinking list nodes spread over memory.
         quint64 lastUse = 0;
         qint64 storedAtMilliseconds = 0;
-        CloudRangeResponse response;
+        QByteArray data;
+        qint64 offset = 0;
+        qint64 totalSize = 0;
+        QString text;
+        quint32 tag = 0;
+        qint32 statusCode = 0;
+        quint32 headerValues = 0;
+        bool acceptsRanges = false;
+        bool byText = false;
+        bool holds(const Key &key) const
+        {
+            const quint64 differing = (digits[0] ^ key.digits[0]) | (digits[1] ^ key.digits[1])
+                | (digits[2] ^ key.digits[2]) | (digits[3] ^ key.digits[3]);
+            return tag == key.tag() && differing == 0 && byText == key.byText && (!byText || text == key.text);
+        }
     };
     struct Use {
         quint64 use;
@@ -73,30 +83,37 @@ private:
 
     quint32 find(const Key &key) const;
     quint32 insert(const Key &key);
+    void store(Entry &entry, const CloudRangeResponse &response);
+    void copyOut(const Entry &entry, CloudRangeResponse &response) const;
     void drop(quint32 index);
     void touch(quint32 index);
     void trim();
     void compactUses();
-    void shareHeaderValues(CloudRangeResponse &stored);
+
+    // Header values by number, each with the count of entries that use it. A store reuses the values stored last
+    // when all three are the same, null or empty alike, so the ranges of one object share one set.
     struct HeaderValues {
         QByteArray etag;
         QByteArray lastModified;
         QByteArray contentType;
+        quint32 users = 0;
     };
+    quint32 shareHeaderValues(const CloudRangeResponse &response);
+    void releaseHeaderValues(quint32 number);
 
     // The table: a power-of-two number of slots probed linearly. A slot's key word is 0 when the slot is free, or
-    // else the entry's index plus one in its low half and the upper half of the key's hash in its high half; the
-    // probe starts where that upper half points, so probing past other keys, and closing the gap a removal leaves,
-    // read only the table. The slot also holds where the entry's data buffer begins: a hit asks the processor for
-    // that line and for the entry at once, instead of learning the one from the other.
+    // else the entry's index plus one in its low half and the entry's tag (the upper half of its key's hash) in its
+    // high half; the probe starts where the tag points, so probing past other keys, and closing the gap a removal
+    // leaves, read only the table. The slot also holds where the entry's data buffer begins: a hit asks the
+    // processor for that line and for the entry at once, instead of learning the one from the other.
     struct Slot {
         quint64 keyWord = 0;
         const void *dataStart = nullptr;
     };
     void growTable();
-    void placeInTable(quint64 hash, quint32 index);
-    Slot &slotOf(quint64 hash, quint32 index);
-    void removeFromTable(quint64 hash, quint32 index);
+    void placeInTable(quint32 tag, quint32 index);
+    Slot &slotOf(quint32 tag, quint32 index);
+    void removeFromTable(quint32 tag, quint32 index);
 
     bool enabled;
     quint64 seed;
@@ -112,9 +129,9 @@ private:
     quint64 useCount = 0;
     qint64 heldBytes = 0;
     qint64 evicted = 0;
-    // The header values stored last: the ranges of one object share its values, and a hit copying shared values
-    // reads one buffer the processor already holds instead of three of every entry's own.
-    HeaderValues lastHeaderValues;
+    std::vector<HeaderValues> headerValues;
+    std::vector<quint32> freeHeaderValues;
+    quint32 lastHeaderValues = noEntry;
 };
 
 } // namespace Norvane::Cloud

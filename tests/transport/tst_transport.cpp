@@ -441,6 +441,39 @@ private slots:
         QCOMPARE(response.data + response.etag + response.lastModified + response.contentType, "second\"e\"L");
     }
 
+    // Ranges of one object share their header values in the memory tier; one whose values differ only in being
+    // null or empty keeps its own.
+    void memoryHitsKeepEveryField()
+    {
+        auto cache = makeCache(dir(), 1000, 0);
+        CloudRangeResponse swapped = diskResponse("b");
+        swapped.lastModified = QByteArray("");
+        swapped.contentType = QByteArray();
+        const CloudRangeResponse other { "c", 7, -1, 200, {}, "L", "T", false, false };
+        const QList<CloudRangeResponse> stored { diskResponse("a"), swapped, other, diskResponse("d") };
+        for (const CloudRangeResponse &response : stored)
+            cache->put(QString::fromLatin1(response.data), response);
+        for (CloudRangeResponse expected : stored) {
+            CloudRangeResponse response;
+            QVERIFY(cache->get(QString::fromLatin1(expected.data), response));
+            expected.fromCache = true;
+            QCOMPARE(describe(response), describe(expected));
+            const auto nulls = [](const CloudRangeResponse &of) {
+                return QList<bool>({ of.etag.isNull(), of.lastModified.isNull(), of.contentType.isNull() });
+            };
+            QCOMPARE(nulls(response), nulls(expected));
+        }
+        // Values whose last entry went are not shared any more: the next values stored take their place.
+        cache->clear();
+        cache->put(QStringLiteral("x"), diskResponse("x"));
+        cache->remove(QStringLiteral("x"));
+        cache->put(QStringLiteral("y"), CloudRangeResponse { "y", 0, -1, 206, {}, {}, {}, true, false });
+        cache->put(QStringLiteral("z"), diskResponse("z"));
+        CloudRangeResponse response;
+        QVERIFY(cache->get(QStringLiteral("y"), response));
+        QCOMPARE(response.etag, QByteArray());
+    }
+
     void cacheSteps_data()
     {
         QTest::addColumn<QList<qint64>>("limits"); // memory, disk
@@ -499,8 +532,8 @@ private slots:
     }
 
     // Thousands of puts, gets and removes over a few hundred keys, against a list kept least recent first: the
-    // memory tier must agree on every hit, on the bytes served, on its bytes and on its evictions, however its
-    // table's runs of neighbouring keys shift as entries come and go.
+    // memory tier must agree on every hit, on the bytes and ETag served, on its bytes and on its evictions, however
+    // its table's runs of neighbouring keys shift as entries come and go, and however many entries share an ETag.
     void memoryTierAgreesWithARecencyList()
     {
         constexpr qint64 limit = 3000;
@@ -510,6 +543,7 @@ private slots:
             const QByteArray digits = QCryptographicHash::hash(QByteArray::number(index), QCryptographicHash::Sha256);
             keys << (index % 10 ? QString::fromLatin1(digits.toHex()) : QStringLiteral("text %1").arg(index));
         }
+        // The key, and its range's data and ETag as data|etag.
         QList<QPair<QString, QByteArray>> recency;
         qint64 bytes = 0;
         qint64 evictions = 0;
@@ -521,21 +555,22 @@ private slots:
                 = std::find_if(recency.begin(), recency.end(), [&](const auto &entry) { return entry.first == key; });
             const QByteArray heldData = held == recency.end() ? QByteArray() : held->second;
             if (held != recency.end()) {
-                bytes -= heldData.size();
+                bytes -= heldData.indexOf('|');
                 recency.erase(held);
             }
             const quint32 action = random.bounded(10);
             if (action < 4) {
-                const QByteArray data(1 + random.bounded(60), char('a' + step % 26));
-                cache->put(key, diskResponse(data));
-                recency.append({ key, data });
-                for (bytes += data.size(); bytes > limit; ++evictions)
-                    bytes -= recency.takeFirst().second.size();
+                CloudRangeResponse stored = diskResponse(QByteArray(1 + random.bounded(60), char('a' + step % 26)));
+                stored.etag = QByteArray::number(step / 50);
+                cache->put(key, stored);
+                recency.append({ key, stored.data + '|' + stored.etag });
+                for (bytes += stored.data.size(); bytes > limit; ++evictions)
+                    bytes -= recency.takeFirst().second.indexOf('|');
             } else if (action < 9) {
-                QCOMPARE(cache->get(key, response) ? response.data : QByteArray(), heldData);
+                QCOMPARE(cache->get(key, response) ? response.data + '|' + response.etag : QByteArray(), heldData);
                 if (!heldData.isNull()) {
                     recency.append({ key, heldData });
-                    bytes += heldData.size();
+                    bytes += heldData.indexOf('|');
                 }
             } else {
                 cache->remove(key);
