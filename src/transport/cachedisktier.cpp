@@ -54,15 +54,17 @@ const QStringList &entryFilePatterns()
     return patterns;
 }
 
+// A store writes a temporary file of this name, the X's random, and renames it over the entry.
+constexpr QLatin1String storeFileName("XXXXXX.part");
 constexpr QLatin1String storeFileSuffix(".part");
 
-// A store writes a temporary file named by six random characters and renames it over the entry; a process that
-// ends between the two leaves the temporary file behind, uncounted. No store takes an hour.
+// A process that ends between a store's write and its rename leaves the temporary file behind, uncounted. No store
+// takes an hour.
 bool isAbandonedStoreFile(const QFileInfo &info, qint64 nowMilliseconds)
 {
     constexpr qint64 hourMilliseconds = 3600 * 1000;
     const QString name = info.fileName();
-    return name.size() == 6 + storeFileSuffix.size() && name.endsWith(storeFileSuffix)
+    return name.size() == storeFileName.size() && name.endsWith(storeFileSuffix)
         && nowMilliseconds - info.lastModified().toMSecsSinceEpoch() > hourMilliseconds;
 }
 
@@ -122,7 +124,8 @@ std::vector<CacheDiskTier::EntryFile> CacheDiskTier::listEntryFiles(const QStrin
 {
     std::vector<EntryFile> files;
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
-    QDirIterator iterator(folder, entryFilePatterns() + QStringList { QStringLiteral("*.part") }, entryFileFilters);
+    QDirIterator iterator(
+        folder, entryFilePatterns() + QStringList { QLatin1Char('*') + storeFileSuffix }, entryFileFilters);
     while (iterator.hasNext()) {
         iterator.next();
         const QFileInfo info = iterator.fileInfo();
@@ -211,7 +214,7 @@ bool CacheDiskTier::write(const QString &key, const CloudRangeResponse &response
     // Written beside the entry, then renamed over its name: a rename replaces a link planted under the name, where
     // QSaveFile would write to the link's target. The temporary name is not an entry name, and QTemporaryFile makes it
     // private to the user (0600), whatever the umask or the permissions of a replaced entry.
-    QTemporaryFile file(folderPrefix + QStringLiteral("XXXXXX.part"));
+    QTemporaryFile file(folderPrefix + storeFileName);
     if (!file.open())
         return false;
     // Flushing finds out when the disk is full or a file size limit hit; the temporary file then goes.

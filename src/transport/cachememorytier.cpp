@@ -96,6 +96,18 @@ const void *referenceCountOf(const QByteArray &data)
     return const_cast<QByteArray &>(data).data_ptr().d_ptr();
 }
 
+// The index of a free place in items, taking a freed one first.
+template <typename Items> quint32 takeFreeIndex(Items &items, std::vector<quint32> &freed)
+{
+    if (freed.empty()) {
+        items.emplace_back();
+        return quint32(items.size() - 1);
+    }
+    const quint32 index = freed.back();
+    freed.pop_back();
+    return index;
+}
+
 } // namespace
 
 CacheMemoryTier::CacheMemoryTier(const CloudCacheOptions &options)
@@ -111,16 +123,16 @@ CacheMemoryTier::Key CacheMemoryTier::keyOf(const QString &text) const
 {
     Key key;
     key.byText = !readLowercaseHexDigits(text, key.digits);
+    quint64 hash = seed;
     if (!key.byText) {
-        quint64 hash = seed;
         for (const quint64 word : key.digits)
             hash = mixed(hash ^ word);
-        key.hash = hash;
     } else {
         key.digits = {};
         key.text = text;
-        key.hash = mixed(seed ^ qHash(text, size_t(seed)));
+        hash = mixed(seed ^ qHash(text, size_t(seed)));
     }
+    key.tag = quint32(hash >> 32);
     return key;
 }
 
@@ -217,12 +229,11 @@ quint32 CacheMemoryTier::find(const Key &key) const
     if (table.empty())
         return noEntry;
     const quint64 mask = table.size() - 1;
-    const quint32 tag = key.tag();
-    for (quint64 position = tag & mask;; position = (position + 1) & mask) {
+    for (quint64 position = key.tag & mask;; position = (position + 1) & mask) {
         const Slot &slot = table[position];
         if (slot.keyWord == 0)
             return noEntry;
-        if (slot.keyWord >> 32 != tag)
+        if (slot.keyWord >> 32 != key.tag)
             continue;
         const quint32 index = quint32(slot.keyWord) - 1;
         const auto *entry = reinterpret_cast<const char *>(&entries[index]);
@@ -239,19 +250,12 @@ quint32 CacheMemoryTier::insert(const Key &key)
 {
     if (quint64(liveEntries + 1) * 2 > table.size())
         growTable();
-    quint32 index;
-    if (freeEntries.empty()) {
-        index = quint32(entries.size());
-        entries.emplace_back();
-    } else {
-        index = freeEntries.back();
-        freeEntries.pop_back();
-    }
+    const quint32 index = takeFreeIndex(entries, freeEntries);
     Entry &entry = entries[index];
     entry.digits = key.digits;
     entry.text = key.text;
     entry.byText = key.byText;
-    entry.tag = key.tag();
+    entry.tag = key.tag;
     placeInTable(entry.tag, index);
     ++liveEntries;
     return index;
@@ -278,9 +282,8 @@ void CacheMemoryTier::touch(quint32 index)
 
 void CacheMemoryTier::compactUses()
 {
-    uses.erase(std::remove_if(uses.begin(), uses.end(),
-                   [this](const Use &record) { return entries[record.entry].lastUse != record.use; }),
-        uses.end());
+    uses.erase(
+        std::remove_if(uses.begin(), uses.end(), [this](const Use &record) { return isStale(record); }), uses.end());
 }
 
 void CacheMemoryTier::trim()
@@ -288,7 +291,7 @@ void CacheMemoryTier::trim()
     while (heldBytes > maximumBytes && !uses.empty()) {
         const Use oldest = uses.front();
         uses.pop_front();
-        if (entries[oldest.entry].lastUse != oldest.use)
+        if (isStale(oldest))
             continue;
         drop(oldest.entry);
         ++evicted;
@@ -308,14 +311,7 @@ quint32 CacheMemoryTier::shareHeaderValues(const CloudRangeResponse &response)
             return lastHeaderValues;
         }
     }
-    quint32 number;
-    if (freeHeaderValues.empty()) {
-        number = quint32(headerValues.size());
-        headerValues.emplace_back();
-    } else {
-        number = freeHeaderValues.back();
-        freeHeaderValues.pop_back();
-    }
+    const quint32 number = takeFreeIndex(headerValues, freeHeaderValues);
     headerValues[number] = { response.etag, response.lastModified, response.contentType, 1 };
     lastHeaderValues = number;
     return number;
@@ -337,20 +333,19 @@ void CacheMemoryTier::growTable()
     table.assign(std::max<size_t>(64, table.size() * 2), Slot {});
     for (quint32 index = 0; index < entries.size(); ++index) {
         const Entry &entry = entries[index];
-        if (entry.lastUse != 0) {
-            placeInTable(entry.tag, index);
-            slotOf(entry.tag, index).dataStart = referenceCountOf(entry.data);
-        }
+        if (entry.lastUse != 0)
+            placeInTable(entry.tag, index).dataStart = referenceCountOf(entry.data);
     }
 }
 
-void CacheMemoryTier::placeInTable(quint32 tag, quint32 index)
+CacheMemoryTier::Slot &CacheMemoryTier::placeInTable(quint32 tag, quint32 index)
 {
     const quint64 mask = table.size() - 1;
     quint64 position = tag & mask;
     while (table[position].keyWord != 0)
         position = (position + 1) & mask;
     table[position] = { quint64(tag) << 32 | (quint64(index) + 1), nullptr };
+    return table[position];
 }
 
 CacheMemoryTier::Slot &CacheMemoryTier::slotOf(quint32 tag, quint32 index)

@@ -44,10 +44,10 @@ private:
     // 64 lowercase hexadecimal digits as their 32 bytes; any other key as its text, with digits zero.
     struct Key {
         std::array<quint64, 4> digits {};
-        quint64 hash = 0;
         QString text;
         bool byText = false;
-        quint32 tag() const { return quint32(hash >> 32); }
+        // The upper half of the key's hash: where its probe starts, and what the table compares before the entry.
+        quint32 tag = 0;
     };
     Key keyOf(const QString &text) const;
 
@@ -72,7 +72,7 @@ private:
         {
             const quint64 differing = (digits[0] ^ key.digits[0]) | (digits[1] ^ key.digits[1])
                 | (digits[2] ^ key.digits[2]) | (digits[3] ^ key.digits[3]);
-            return tag == key.tag() && differing == 0 && byText == key.byText && (!byText || text == key.text);
+            return tag == key.tag && differing == 0 && byText == key.byText && (!byText || text == key.text);
         }
     };
     struct Use {
@@ -87,6 +87,7 @@ private:
     void copyOut(const Entry &entry, CloudRangeResponse &response) const;
     void drop(quint32 index);
     void touch(quint32 index);
+    bool isStale(const Use &record) const { return entries[record.entry].lastUse != record.use; }
     void trim();
     void compactUses();
 
@@ -111,7 +112,7 @@ private:
         const void *dataStart = nullptr;
     };
     void growTable();
-    void placeInTable(quint32 tag, quint32 index);
+    Slot &placeInTable(quint32 tag, quint32 index);
     Slot &slotOf(quint32 tag, quint32 index);
     void removeFromTable(quint32 tag, quint32 index);
 
