@@ -1,6 +1,7 @@
 #include "transport/cachekey.h"
 
-#include <QCryptographicHash>
+#include "transport/sha256.h"
+
 #include <QList>
 
 #include <algorithm>
@@ -26,7 +27,7 @@ QString rangeCacheKey(
             text += headers.value(name);
         }
     }
-    return QString::fromLatin1(QCryptographicHash::hash(text, QCryptographicHash::Sha256).toHex());
+    return QString::fromLatin1(sha256Hex(text));
 }
 
 QString answerCacheKey(
