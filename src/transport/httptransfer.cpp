@@ -97,6 +97,8 @@ public:
     {
         QTimer timeoutTimer;
         timeoutTimer.setSingleShot(true);
+        // A coarse timer may fire up to 5 % early, which would end a slow exchange before its time-out.
+        timeoutTimer.setTimerType(Qt::PreciseTimer);
         QObject::connect(&timeoutTimer, &QTimer::timeout, &loop, [this] { end(Ending::TimedOut); });
         timeoutTimer.start(std::max<qint64>(deadline.remainingTime(), 0));
         QTimer pollTimer;
