@@ -3,7 +3,7 @@
 # Usage: scripts/install-dependencies.sh [test|demo|bench|hardening]...
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkgconf qt6-base-dev libssl-dev)
+packages=(cmake ninja-build g++ pkgconf qt6-base-dev)
 for need in "$@"; do
     case "$need" in
         test) packages+=(nginx-light python3) ;;

@@ -1,8 +1,7 @@
 #include "transport/cachediskentry.h"
 
-#include "transport/sha256.h"
-
 #include <QBuffer>
+#include <QCryptographicHash>
 #include <QDataStream>
 #include <QIODevice>
 
@@ -68,7 +67,7 @@ std::optional<CacheDiskEntry> decodeCacheDiskEntry(const QByteArray &bytes)
 
 QString cacheDiskFileName(const QString &key)
 {
-    const QByteArray digest = sha256Hex(key.toUtf8());
+    const QByteArray digest = QCryptographicHash::hash(key.toUtf8(), QCryptographicHash::Sha256).toHex();
     return QLatin1String(digest) + QLatin1String(".nvc");
 }
 

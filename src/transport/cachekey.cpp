@@ -1,7 +1,6 @@
 #include "transport/cachekey.h"
 
-#include "transport/sha256.h"
-
+#include <QCryptographicHash>
 #include <QList>
 
 #include <algorithm>
@@ -27,7 +26,7 @@ QString rangeCacheKey(
             text += headers.value(name);
         }
     }
-    return QString::fromLatin1(sha256Hex(text));
+    return QString::fromLatin1(QCryptographicHash::hash(text, QCryptographicHash::Sha256).toHex());
 }
 
 QString answerCacheKey(
